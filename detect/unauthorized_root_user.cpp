@@ -1,0 +1,105 @@
+#include "detect/unauthorized_root_user.h"
+
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "bus/message_bus.h"
+#include "collector/passwd_info.h"
+#include "host/json.h"
+#include "host/logger.h"
+#include "host/send_queue.h"
+#include "host/utc_time.h"
+
+namespace {
+
+constexpr char topic[] = "detect_user";
+constexpr char subscriber[] = "unauthorized-root-user";
+
+// Filters match log records on file and line: both stay as they are wherever the call moves to.
+constexpr char sourceName[] = "unauthorized_root_user.cpp";
+constexpr int noTimeLine = 80;
+constexpr unsigned noTimeCode = 0xF0680045;
+constexpr unsigned failureLevel = 2;
+
+bool IsRootAccount(const PasswdInfo& info) { return info.userName == "root"; }
+
+}  // namespace
+
+std::mutex UnauthorizedRootUser::detectMutex;
+
+UnauthorizedRootUser& UnauthorizedRootUser::GetInstance() {
+  static UnauthorizedRootUser instance;
+  return instance;
+}
+
+bool UnauthorizedRootUser::Init() const {
+  return MessageBus::Subscribe<const std::vector<PasswdInfo>&>(topic, subscriber, DetectUnauthorizedRootUser);
+}
+
+// Only the subscription ends here; the baseline stays. Every policy update restarts the module, and with an
+// empty baseline each restart would raise all standing root accounts again.
+void UnauthorizedRootUser::UnInit() const {
+  MessageBus::Unsubscribe<const std::vector<PasswdInfo>&>(topic, subscriber);
+}
+
+void UnauthorizedRootUser::DetectUnauthorizedRootUser(const std::vector<PasswdInfo>& users) {
+  // Held until the last alert is queued, so the alerts of one snapshot leave together and in order.
+  std::lock_guard<std::mutex> lock(detectMutex);
+  const std::set<PasswdInfo> snapshot(users.begin(), users.end());
+  GetInstance().CmpUserInfo(snapshot);
+}
+
+void UnauthorizedRootUser::CmpUserInfo(const std::set<PasswdInfo>& users) {
+  std::set<PasswdInfo> snapshot(users);
+  if (snapshot.empty() && baseline.empty()) {
+    return;
+  }
+  for (const PasswdInfo& known : baseline) {
+    const auto current = snapshot.find(known);
+    if (current != snapshot.end()) {
+      ComparePasswd(known, *current);
+    }
+  }
+  for (const PasswdInfo& current : snapshot) {
+    if (baseline.find(current) == baseline.end() && current.uid == 0 && !IsRootAccount(current)) {
+      SendUserAlert(current);
+    }
+  }
+  // Last: if an alert throws, the old baseline still stands and the same snapshot will be compared again. A
+  // repeated alert is better than a lost one.
+  baseline.swap(snapshot);
+}
+
+// A change away from user ID 0, or of any other field, is no finding.
+void UnauthorizedRootUser::ComparePasswd(const PasswdInfo& oldInfo, const PasswdInfo& newInfo) {
+  if (oldInfo.uid == newInfo.uid) {
+    return;
+  }
+  if (newInfo.uid == 0 && !IsRootAccount(oldInfo)) {
+    SendUserAlert(newInfo);
+  }
+}
+
+void UnauthorizedRootUser::SendUserAlert(const PasswdInfo& info) {
+  std::string eventTime;
+  UtilsGetUtcTime(eventTime);
+  if (eventTime.empty()) {
+    // An alert without a time is dropped for good, and only this coded record tells of it.
+    LoggerWriteLog(ORVAK_AGENT_LOG_CODED, noTimeCode, failureLevel, sourceName, noTimeLine, 0, "");
+    return;
+  }
+  utils::MyJson::MyValue content;
+  content["userName"] = info.userName;
+  content["uid"] = static_cast<int>(info.uid);
+  content["gid"] = static_cast<int>(info.gid);  // above 2^31 it leaves as its negative counterpart
+  content["shell"] = info.shell;
+  content["home"] = info.home;
+  content["type"] = "illegal";
+  utils::MyJson::MyValue event;
+  event["eventType"] = "unauthorized-root-user";
+  event["eventTime"] = eventTime;
+  event.JsonItemAddToObject("eventContent", content);
+  PushMinuteLimitEventToSendQueue(Utils::Convert::JsonToString(event));
+}
