@@ -1,0 +1,43 @@
+#ifndef VELTA_AGENT_LOGGER_H
+#define VELTA_AGENT_LOGGER_H
+
+#include <cstdarg>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+enum class LogLevel { Debug, Info, Warning, Error, Off };
+
+// The agent's log: one line a record on a descriptor (standard error, unless a test says otherwise).
+//
+// Whatever a text holds, its record is one line of printable characters: control characters, bidirectional
+// controls and invalid bytes are escaped, and a text that takes more than longestText bytes then is cut and
+// says so. Never throws, and never blocks for long: when the reader of a pipe is stuck, records are dropped,
+// and their number is told in front of the first record that it reads again.
+//
+// Thread use: any thread.
+class Logger {
+ public:
+  static constexpr std::size_t longestText = 2048;
+
+  explicit Logger(LogLevel threshold, int descriptor = 2);
+  ~Logger();
+  Logger(const Logger&) = delete;
+  Logger& operator=(const Logger&) = delete;
+
+  void Debug(const std::string& text) { Write(LogLevel::Debug, text); }
+  void Info(const std::string& text) { Write(LogLevel::Info, text); }
+  void Warning(const std::string& text) { Write(LogLevel::Warning, text); }
+  void Error(const std::string& text) { Write(LogLevel::Error, text); }
+  void Write(LogLevel level, const std::string& text);
+
+ private:
+  class Backend;
+  std::unique_ptr<Backend> backend;
+};
+
+// What a printf-style call prints, as far as a record of the log has room for it: a text beyond
+// Logger::longestText bytes comes back just long enough to be cut there.
+std::string PrintedText(const char* format, std::va_list arguments) __attribute__((format(printf, 1, 0)));
+
+#endif  // VELTA_AGENT_LOGGER_H

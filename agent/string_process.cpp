@@ -1,0 +1,103 @@
+#include "host/string_process.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int notADigit = 36;
+
+// What isspace says in the C locale. The account file is not read in the language of whoever starts the
+// agent.
+bool IsBlank(char character) { return character == ' ' || (character >= '\t' && character <= '\r'); }
+
+int DigitValue(char character) {
+  if (character >= '0' && character <= '9') {
+    return character - '0';
+  }
+  if (character >= 'a' && character <= 'z') {
+    return character - 'a' + 10;
+  }
+  if (character >= 'A' && character <= 'Z') {
+    return character - 'A' + 10;
+  }
+  return notADigit;
+}
+
+std::size_t CountOf(const std::string& separator, const std::string& text) {
+  std::size_t count = 0;
+  for (std::size_t found = text.find(separator); found != std::string::npos;
+       found = text.find(separator, found + separator.size())) {
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace
+
+namespace Utils {
+namespace StringProcess {
+
+// An empty separator separates nothing: the text is its only piece.
+std::vector<std::string> StrSplit(const std::string& text, const std::string& separator, bool skipEmpty) {
+  std::vector<std::string> pieces;
+  pieces.reserve(separator.empty() ? 1 : CountOf(separator, text) + 1);
+  std::size_t start = 0;
+  while (true) {
+    const std::size_t end = separator.empty() ? std::string::npos : text.find(separator, start);
+    const std::size_t length = (end == std::string::npos ? text.size() : end) - start;
+    if (length > 0 || !skipEmpty) {
+      pieces.emplace_back(text, start, length);
+    }
+    if (end == std::string::npos) {
+      return pieces;
+    }
+    start = end + separator.size();
+  }
+}
+
+}  // namespace StringProcess
+}  // namespace Utils
+
+// Takes what the C library's reader of accounts takes, blanks and signs in front included: an account with
+// user ID " +0" is root to the host, so it must be root to us. What the library would wrap around is refused.
+bool ConvertStrToNum(const std::string& text, unsigned& value, int base) {
+  static_assert(std::numeric_limits<unsigned>::digits == 32, "the result is a number of 32 bits");
+  if (base < 2 || base > 36) {
+    return false;
+  }
+  std::size_t at = 0;
+  while (at < text.size() && IsBlank(text[at])) {
+    ++at;
+  }
+  bool negative = false;
+  if (at < text.size() && (text[at] == '+' || text[at] == '-')) {
+    negative = text[at] == '-';
+    ++at;
+  }
+  if (base == 16 && at + 1 < text.size() && text[at] == '0' && (text[at + 1] == 'x' || text[at + 1] == 'X')) {
+    at += 2;
+  }
+  if (at == text.size()) {
+    return false;
+  }
+  std::uint64_t number = 0;
+  for (; at < text.size(); ++at) {
+    const int digit = DigitValue(text[at]);
+    if (digit >= base) {
+      return false;
+    }
+    number = number * static_cast<std::uint64_t>(base) + static_cast<std::uint64_t>(digit);
+    if (number > std::numeric_limits<unsigned>::max()) {
+      return false;
+    }
+  }
+  if (negative && number != 0) {
+    return false;
+  }
+  value = static_cast<unsigned>(number);
+  return true;
+}
