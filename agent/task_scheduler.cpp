@@ -1,0 +1,159 @@
+#include "agent/task_scheduler.h"
+
+#include <chrono>
+#include <exception>
+#include <new>
+
+#include "agent/logger.h"
+#include "agent/services.h"
+
+namespace {
+
+TaskTable::Time Now() { return std::chrono::steady_clock::now(); }
+
+// What this thread is running: a task that pauses itself must not wait for itself.
+struct CurrentRun {
+  const TaskScheduler* scheduler;
+  unsigned id;
+};
+thread_local CurrentRun currentRun = {nullptr, 0};
+
+// Never throws: it runs where a failed task ends, and memory may be what failed.
+void LogFailure(Logger& logger, const std::string& name, const char* reason) {
+  try {
+    logger.Error("task " + name + " failed and will be tried again: " + reason);
+  } catch (
+      const std::bad_alloc&) {  // then not even the message can be built; the task is retried all the same
+  }
+}
+
+// True when the task returned. Exceptions end here: the thread is the agent's, and so is every other task.
+bool Run(const TaskTable::Task& task, Logger& logger) {
+  try {
+    task.function(task.arg);
+    return true;
+  } catch (const std::exception& error) {
+    LogFailure(logger, task.name, error.what());
+  } catch (...) {
+    LogFailure(logger, task.name, "an exception of an unknown type");
+  }
+  return false;
+}
+
+}  // namespace
+
+TaskScheduler::TaskScheduler(unsigned workerCount, Logger& schedulerLogger) : logger(schedulerLogger) {
+  try {
+    for (unsigned i = 0; i < workerCount; ++i) {
+      workers.emplace_back([this] { Work(); });
+    }
+  } catch (...) {
+    StopWorkers();
+    throw;
+  }
+}
+
+TaskScheduler::~TaskScheduler() { StopWorkers(); }
+
+void TaskScheduler::StopWorkers() {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    stopping = true;
+  }
+  changed.notify_all();
+  for (std::thread& worker : workers) {
+    worker.join();
+  }
+}
+
+unsigned TaskScheduler::Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
+                                 void* (*function)(void*), void* arg, const std::string& name) {
+  unsigned id = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    id = table.Register(type, condition, function, arg, name, Now());
+  }
+  changed.notify_all();  // the new task may be due before the one that the workers wait for
+  return id;
+}
+
+void TaskScheduler::Launch(unsigned id) {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    table.Launch(id, Now());
+  }
+  changed.notify_one();
+}
+
+std::size_t TaskScheduler::LaunchAll() {
+  std::size_t launched = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    launched = table.LaunchAll(Now());
+  }
+  changed.notify_all();
+  return launched;
+}
+
+void TaskScheduler::PauseAndWait(unsigned id) {
+  std::unique_lock<std::mutex> lock(mutex);
+  table.Pause(id);
+  ended.notify_all();  // what was due is not any more
+  if (currentRun.scheduler == this && currentRun.id == id) {
+    return;
+  }
+  ended.wait(lock, [this, id] { return !table.IsRunning(id); });
+}
+
+void TaskScheduler::Unregister(unsigned id) {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    table.Unregister(id);
+  }
+  ended.notify_all();
+}
+
+bool TaskScheduler::WaitUntilIdle() {
+  std::unique_lock<std::mutex> lock(mutex);
+  ended.wait(lock, [this] { return table.IsIdle(Now()); });
+  return !anyFailed;
+}
+
+void TaskScheduler::Work() {
+  std::unique_lock<std::mutex> lock(mutex);
+  while (!stopping) {
+    const unsigned id = table.Begin(Now());
+    if (id != 0) {
+      RunLocked(lock, id);
+    } else if (const auto due = table.NextDue()) {
+      changed.wait_until(lock, *due);
+    } else {
+      changed.wait(lock);
+    }
+  }
+}
+
+void TaskScheduler::RunLocked(std::unique_lock<std::mutex>& lock, unsigned id) {
+  // Safe without the lock: a running task's record stays where it is, and what Run reads of it never changes.
+  const TaskTable::Task& task = *table.Find(id);
+  const TaskTable::Time began = Now();
+  lock.unlock();
+  currentRun = {this, id};
+  const bool succeeded = Run(task, logger);
+  currentRun = {nullptr, 0};
+  lock.lock();
+  anyFailed = anyFailed || !succeeded;
+  table.End(id, succeeded, began, Now());
+  ended.notify_all();
+}
+
+unsigned UtilsRegisterTask(utils::thread::TASKTYPE type, utils::thread::TASK_CONDITION condition,
+                           void* (*function)(void*), void* arg, const std::string& name) {
+  return InstalledServices::Current().scheduler.Register(type, condition, function, arg, name);
+}
+
+void UtilsPauseAndWaitForEnd(unsigned id) { InstalledServices::Current().scheduler.PauseAndWait(id); }
+
+void UtilsUnregisterTask(unsigned id) { InstalledServices::Current().scheduler.Unregister(id); }
+
+void UtilsMakeTaskLaunch(unsigned id) { InstalledServices::Current().scheduler.Launch(id); }

@@ -1,0 +1,167 @@
+#include "agent/task_table.h"
+
+#include <algorithm>
+#include <utility>
+
+using std::chrono::milliseconds;
+
+namespace {
+
+// A century: beyond any meaningful wait, and far from where adding to a time point would overflow.
+constexpr std::int64_t longestWaitMs = INT64_C(100) * 366 * 24 * 3600 * 1000;
+
+milliseconds Wait(std::int64_t ms) { return milliseconds(std::clamp(ms, INT64_C(0), longestWaitMs)); }
+
+std::optional<TaskTable::Time> Earlier(std::optional<TaskTable::Time> one, TaskTable::Time other) {
+  return one ? std::min(*one, other) : other;
+}
+
+}  // namespace
+
+unsigned TaskTable::NextId() {
+  // An id is not used again before the counter has gone round, so a late call with an old one meets nobody.
+  do {
+    ++lastId;
+  } while (lastId == 0 || tasks.count(lastId) != 0);
+  return lastId;
+}
+
+unsigned TaskTable::Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
+                             void* (*function)(void*), void* arg, const std::string& name, Time now) {
+  if (function == nullptr) {
+    return 0;
+  }
+  Task task = Task();
+  task.name = name;
+  task.function = function;
+  task.arg = arg;
+  if (condition.enabled) {
+    task.timer = now + Wait(condition.startDelayMs);
+    task.due = task.timer;
+    if (type == utils::thread::TASKTYPE_PERIODIC) {
+      task.interval = Wait(condition.intervalMs);
+    }
+  }
+  const unsigned id = NextId();
+  tasks.emplace(id, std::move(task));
+  return id;
+}
+
+void TaskTable::Launch(unsigned id, Time now) {
+  const auto found = tasks.find(id);
+  if (found == tasks.end() || found->second.paused) {
+    return;
+  }
+  Task& task = found->second;
+  if (task.running) {
+    task.launchedWhileRunning = true;
+  } else {
+    task.due = Earlier(task.due, now);
+  }
+}
+
+std::size_t TaskTable::LaunchAll(Time now) {
+  for (const auto& entry : tasks) {
+    Launch(entry.first, now);
+  }
+  return tasks.size();
+}
+
+void TaskTable::Pause(unsigned id) {
+  const auto found = tasks.find(id);
+  if (found != tasks.end()) {
+    found->second.paused = true;
+    found->second.due.reset();
+  }
+}
+
+void TaskTable::Unregister(unsigned id) {
+  Pause(id);
+  const auto found = tasks.find(id);
+  if (found == tasks.end()) {
+    return;
+  }
+  if (found->second.running) {
+    found->second.gone = true;
+  } else {
+    tasks.erase(found);
+  }
+}
+
+std::optional<TaskTable::Time> TaskTable::NextDue() const {
+  std::optional<Time> next;
+  for (const auto& [id, task] : tasks) {
+    if (task.due && !task.running) {
+      next = Earlier(next, *task.due);
+    }
+  }
+  return next;
+}
+
+unsigned TaskTable::Begin(Time now) {
+  unsigned first = 0;
+  std::optional<Time> firstDue;
+  for (const auto& [id, task] : tasks) {
+    if (task.due && !task.running && *task.due <= now && (!firstDue || *task.due < *firstDue)) {
+      first = id;
+      firstDue = task.due;
+    }
+  }
+  if (first != 0) {
+    Task& task = tasks.at(first);
+    task.running = true;
+    task.launchedWhileRunning = false;
+    task.due.reset();
+  }
+  return first;
+}
+
+void TaskTable::End(unsigned id, bool succeeded, Time began, Time now) {
+  const auto found = tasks.find(id);
+  if (found == tasks.end()) {
+    return;
+  }
+  Task& task = found->second;
+  task.running = false;
+  if (task.gone) {
+    tasks.erase(found);
+    return;
+  }
+  if (task.paused) {
+    return;
+  }
+  if (task.timer && *task.timer <= began) {
+    // From the run's beginning, so that a quick task keeps its period; one that outlasts it waits a full one.
+    task.timer.reset();
+    if (task.interval > milliseconds::zero()) {
+      const Time next = began + task.interval;
+      task.timer = next > now ? next : now + task.interval;
+    }
+  }
+  task.due = task.timer;
+  if (succeeded) {
+    task.retryWait = milliseconds::zero();
+  } else {
+    task.retryWait = std::clamp(task.retryWait * 2, firstRetry, longestRetry);
+    task.due = Earlier(task.due, now + task.retryWait);
+  }
+  if (task.launchedWhileRunning) {
+    task.due = now;
+  }
+}
+
+const TaskTable::Task* TaskTable::Find(unsigned id) const {
+  const auto found = tasks.find(id);
+  return found == tasks.end() ? nullptr : &found->second;
+}
+
+bool TaskTable::IsRunning(unsigned id) const {
+  const Task* const task = Find(id);
+  return task != nullptr && task->running;
+}
+
+bool TaskTable::IsIdle(Time now) const {
+  return std::none_of(tasks.begin(), tasks.end(), [now](const auto& entry) {
+    return entry.second.running || (entry.second.due && *entry.second.due <= now);
+  });
+}

@@ -1,0 +1,74 @@
+#ifndef VELTA_AGENT_TASK_TABLE_H
+#define VELTA_AGENT_TASK_TABLE_H
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "host/task_scheduler.h"
+
+// Which task is due when: the scheduler's decisions, without its threads and its clock. Time comes in as an
+// argument.
+//
+// It promises that after the last launch of a task at least one run begins after it, unless the task is
+// paused or gone; that one task never runs twice at a time; and that launches cost nothing however many there
+// are: those before a run are one run, those during a run are one more after it.
+//
+// A task that failed runs again after a wait that doubles from firstRetry to longestRetry, or at its next
+// launch. Runs that the timer could not start in time are skipped, not made up for.
+//
+// Thread use: none of its own; its owner locks.
+class TaskTable {
+ public:
+  using Time = std::chrono::steady_clock::time_point;
+
+  static constexpr std::chrono::milliseconds firstRetry{1000};
+  static constexpr std::chrono::milliseconds longestRetry{60000};
+
+  struct Task {
+    std::string name;
+    void* (*function)(void*);
+    void* arg;
+    std::chrono::milliseconds interval;  // 0: the timer does not repeat it
+    std::optional<Time> due;             // when to run next; nothing: only after a launch
+    std::optional<Time> timer;           // when the timer wants it next
+    std::chrono::milliseconds retryWait{0};
+    bool running = false;
+    bool launchedWhileRunning = false;
+    bool paused = false;
+    bool gone = false;  // unregistered while it ran; forgotten when that run ends
+  };
+
+  // 0 when there is no function to call.
+  unsigned Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
+                    void* (*function)(void*), void* arg, const std::string& name, Time now);
+  void Launch(unsigned id, Time now);
+  std::size_t LaunchAll(Time now);  // how many there are
+  void Pause(unsigned id);
+  void Unregister(unsigned id);
+
+  // The earliest time at which a task is due, if one is.
+  std::optional<Time> NextDue() const;
+
+  // The id of a task that is due, which counts as running from now on; 0 when none is.
+  unsigned Begin(Time now);
+
+  // Ends the run that Begin started.
+  void End(unsigned id, bool succeeded, Time began, Time now);
+
+  // Null for an unknown id.
+  const Task* Find(unsigned id) const;
+  bool IsRunning(unsigned id) const;
+  bool IsIdle(Time now) const;  // nothing runs and nothing is due
+
+ private:
+  unsigned NextId();
+
+  std::map<unsigned, Task> tasks;
+  unsigned lastId = 0;
+};
+
+#endif  // VELTA_AGENT_TASK_TABLE_H
