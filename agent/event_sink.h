@@ -1,0 +1,55 @@
+#ifndef VELTA_AGENT_EVENT_SINK_H
+#define VELTA_AGENT_EVENT_SINK_H
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+// Where events leave the agent: standard output, or a file or FIFO that it opens for appending (mode 0640)
+// and opens again when it was rotated, removed or lost its reader.
+//
+// Only whole records leave: one that got through half is finished first, taken back, or written again on a
+// line of its own, and never joined to the next. An event that did not get through stays the caller's, who
+// tries the same one again.
+//
+// Thread use: one thread at a time.
+class EventSink {
+ public:
+  enum class Outcome {
+    Delivered,
+    Blocked,  // the reader is slow: the patience ran out; try again at once
+    Failed,   // Error says why; try again later
+  };
+
+  // path "-" is standard output. Throws std::runtime_error, naming the path, when it can never work; a FIFO
+  // without a reader yet is no failure.
+  explicit EventSink(const std::string& outputPath);
+  ~EventSink();
+  EventSink(const EventSink&) = delete;
+  EventSink& operator=(const EventSink&) = delete;
+
+  // Writes the event and a newline; waits for a slow reader no longer than patience.
+  Outcome Write(const std::string& event, std::chrono::milliseconds patience);
+
+  const std::string& Error() const { return error; }
+  const std::string& Name() const { return name; }
+
+ private:
+  bool IsStandardOutput() const { return path.empty(); }
+  bool OpenFile();  // false, with the error set, when that failed
+  void Close();
+  bool FileWasReplaced() const;
+  Outcome Fail(const char* operation);
+  Outcome WriteRegular(const std::string& record);
+  Outcome WriteStream(const std::string& record, std::chrono::milliseconds patience);
+
+  std::string path;  // empty for standard output
+  std::string name;
+  int descriptor = -1;
+  bool regular = false;
+  bool needsNewline = false;  // the file ends in a piece of a record
+  std::size_t sent = 0;       // of the current record, to a stream
+  std::string error;
+};
+
+#endif  // VELTA_AGENT_EVENT_SINK_H

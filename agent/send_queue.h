@@ -1,0 +1,72 @@
+#ifndef VELTA_AGENT_SEND_QUEUE_H
+#define VELTA_AGENT_SEND_QUEUE_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "agent/event_sink.h"
+#include "agent/minute_limit.h"
+
+class Logger;
+
+// Holds events until they are delivered, in order, so many a minute at most. What exceeds the limit waits for
+// the next minutes: dropping it would let decoys that come first in the order hide the one that matters.
+//
+// Memory is bounded: beyond longestQueue bytes of waiting events new ones are refused, counted and told.
+//
+// Thread use: Push, Accepted and Drain on any thread; delivery on a thread of its own. Construction throws
+// std::system_error when no thread is to be had.
+class SendQueue {
+ public:
+  static constexpr std::size_t longestQueue = std::size_t{64} << 20;
+
+  // 0 events a minute: no limit.
+  SendQueue(EventSink& eventSink, Logger& queueLogger, unsigned eventsPerMinute);
+
+  // Drops what has not been delivered; Drain comes before.
+  ~SendQueue();
+  SendQueue(const SendQueue&) = delete;
+  SendQueue& operator=(const SendQueue&) = delete;
+
+  // Never blocks for the sink and never throws: it is called with the detector's lock held.
+  void Push(const std::string& event) noexcept;
+
+  // How many events were taken so far.
+  std::size_t Accepted() const;
+
+  // Delivers what waits, without regard to the limit, but gives up after patience. True when nothing is left;
+  // what is left is logged.
+  bool Drain(std::chrono::milliseconds patience);
+
+ private:
+  bool AppendLocked(const std::string& event);  // false when memory is short
+  void Deliver();
+  void DeliverNextLocked(std::unique_lock<std::mutex>& lock);
+  void NoteOutcome(EventSink::Outcome outcome, std::size_t waiting, std::size_t lost);
+
+  EventSink& sink;
+  Logger& logger;
+
+  mutable std::mutex mutex;  // guards everything below it but the thread
+  std::condition_variable changed;
+  std::condition_variable delivered;
+  std::deque<std::string> events;
+  std::size_t bytes = 0;  // of all waiting events
+  std::size_t accepted = 0;
+  std::size_t refused = 0;
+  MinuteLimit limit;
+  bool draining = false;
+  bool stopping = false;
+
+  bool failing = false;    // the delivering thread's own
+  bool deferring = false;  // the same
+
+  std::thread thread;
+};
+
+#endif  // VELTA_AGENT_SEND_QUEUE_H

@@ -1,0 +1,354 @@
+#include "agent/send_queue.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "agent/event_sink.h"
+#include "agent/logger.h"
+#include "tests/support/line_reader.h"
+#include "tests/support/temporary_folder.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+
+constexpr milliseconds generous(60000);
+constexpr milliseconds brief(20);  // for a sink that is known not to take anything
+constexpr unsigned noLimit = 0;
+
+std::string Lines(const std::vector<std::string>& events) {
+  std::string text;
+  for (const std::string& event : events) {
+    text += event + "\n";
+  }
+  return text;
+}
+
+// "event 0", "event 1" ... of that length at least.
+std::vector<std::string> Events(std::size_t count, std::size_t length = 0) {
+  std::vector<std::string> events;
+  for (std::size_t number = 0; number < count; ++number) {
+    events.push_back("event " + std::to_string(number));
+    events.back().append(length > events.back().size() ? length - events.back().size() : 0, '.');
+  }
+  return events;
+}
+
+// A log whose records can be waited for.
+class LogPipe {
+ public:
+  LogPipe() {
+    if (pipe(ends.data()) != 0) {
+      throw std::runtime_error("no pipe for the log");
+    }
+    reader = std::make_unique<LineReader>(ends[0]);
+    logger = std::make_unique<Logger>(LogLevel::Debug, ends[1]);
+  }
+  ~LogPipe() { End(); }
+  LogPipe(const LogPipe&) = delete;
+  LogPipe& operator=(const LogPipe&) = delete;
+
+  Logger& Log() { return *logger; }
+
+  // The next record, without its time.
+  std::string Next() {
+    const std::string line = reader->Next(generous);
+    return line.front() == '[' ? line : line.substr(line.find(' ') + 1);
+  }
+
+  // All records that are left; nobody logs any more.
+  std::vector<std::string> Rest() {
+    End();
+    std::vector<std::string> records;
+    for (;;) {
+      const std::string record = Next();
+      if (record == "[the end] ") {
+        return records;
+      }
+      records.push_back(record);
+    }
+  }
+
+ private:
+  void End() {
+    if (logger) {
+      logger.reset();
+      close(ends[1]);
+    }
+  }
+
+  std::array<int, 2> ends{};
+  std::unique_ptr<LineReader> reader;
+  std::unique_ptr<Logger> logger;
+};
+
+class SendQueueTest : public testing::Test {
+ protected:
+  SendQueueTest() { std::signal(SIGPIPE, SIG_IGN); }
+
+  void Open(unsigned eventsPerMinute) { Open(path, eventsPerMinute); }
+  void Open(const std::string& output, unsigned eventsPerMinute) {
+    sink = std::make_unique<EventSink>(output);
+    queue = std::make_unique<SendQueue>(*sink, log.Log(), eventsPerMinute);
+  }
+
+  void Push(const std::vector<std::string>& events) const {
+    for (const std::string& event : events) {
+      queue->Push(event);
+    }
+  }
+
+  // Ends the queue and gives what is left of the log.
+  std::vector<std::string> RestOfLog() {
+    queue.reset();
+    return log.Rest();
+  }
+
+  TemporaryFolder folder;
+  const std::string path = folder.Path("events");
+  LogPipe log;
+  std::unique_ptr<EventSink> sink;
+  std::unique_ptr<SendQueue> queue;
+};
+
+TEST_F(SendQueueTest, EventsLeaveInTheirOrderWithoutAWord) {
+  Open(noLimit);
+  Push(Events(500));
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_EQ(folder.Read("events"), Lines(Events(500)));
+  EXPECT_EQ(queue->Accepted(), 500U);
+  EXPECT_THAT(RestOfLog(), ElementsAre());
+}
+
+TEST_F(SendQueueTest, AnEmptyQueueIsDrainedAtOnce) {
+  Open(noLimit);
+  EXPECT_TRUE(queue->Drain(milliseconds(0)));
+  EXPECT_EQ(queue->Accepted(), 0U);
+}
+
+TEST_F(SendQueueTest, EventsBeyondTheLimitWaitAndAreNotLost) {
+  folder.MakeFifo("events");
+  LineReader reader(path);
+  Open(2);
+  Push({"aaa", "bbb", "zzz"});
+  EXPECT_THAT(reader.Next(2, generous), ElementsAre("aaa", "bbb"));
+  EXPECT_EQ(
+      log.Next(),
+      "warning send queue: the limit of events a minute is reached; 1 or more wait for the next minute");
+  EXPECT_EQ(reader.Next(brief), "[no line in time] ");
+
+  // The end does not wait for the next minute.
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_EQ(reader.Next(generous), "zzz");
+  EXPECT_THAT(RestOfLog(), ElementsAre());
+}
+
+TEST_F(SendQueueTest, ManyEventsBeyondTheLimitAreOneWarningAndKeepTheirOrder) {
+  folder.MakeFifo("events");
+  LineReader reader(path);
+  Open(2);
+  const std::vector<std::string> events = Events(1000);
+  Push(events);
+  std::vector<std::string> received = reader.Next(2, generous);
+  EXPECT_THAT(log.Next(),
+              testing::StartsWith("warning send queue: the limit of events a minute is reached; "));
+  EXPECT_TRUE(queue->Drain(generous));
+  for (const std::string& event : reader.Next(998, generous)) {
+    received.push_back(event);
+  }
+  EXPECT_THAT(received, ElementsAreArray(events));
+  EXPECT_THAT(RestOfLog(), ElementsAre());
+}
+
+TEST_F(SendQueueTest, TheLimitHoldsAgainAfterADrain) {
+  folder.MakeFifo("events");
+  LineReader reader(path);
+  Open(1);
+  Push({"aaa", "bbb"});
+  EXPECT_TRUE(queue->Drain(generous));
+  Push({"ccc"});
+  EXPECT_THAT(reader.Next(2, generous), ElementsAre("aaa", "bbb"));
+  EXPECT_EQ(reader.Next(brief), "[no line in time] ");
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_EQ(reader.Next(generous), "ccc");
+}
+
+TEST_F(SendQueueTest, AReaderThatResumesGetsEveryRecordWhole) {
+  folder.MakeFifo("events");
+  LineReader reader(path);
+  Open(noLimit);
+  const std::vector<std::string> events = Events(5, 100000);
+  Push(events);
+  EXPECT_EQ(log.Next(),
+            "warning send queue: " + path + " is not being read; events are kept and tried again");
+  EXPECT_THAT(reader.Next(5, generous), ElementsAreArray(events));
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_THAT(RestOfLog(), ElementsAre(testing::MatchesRegex("info send queue: .*/events takes events again; "
+                                                             "[0-4] are still waiting")));
+}
+
+TEST_F(SendQueueTest, ADrainOfAStuckReaderGivesUpAndNamesWhatIsLeft) {
+  folder.MakeFifo("events");
+  LineReader reader(path);
+  Open(noLimit);
+  Push({std::string(1024 * 1024, 'x')});
+  EXPECT_EQ(log.Next(),
+            "warning send queue: " + path + " is not being read; events are kept and tried again");
+  Push({"toor", "alice"});
+  EXPECT_FALSE(queue->Drain(brief));
+  EXPECT_THAT(
+      RestOfLog(),
+      ElementsAre("error send queue: 3 events could not be delivered to " + path,
+                  "error send queue: not delivered: " + std::string(Logger::longestText - 27, 'x') + " [cut]",
+                  "error send queue: not delivered: toor", "error send queue: not delivered: alice"));
+}
+
+TEST_F(SendQueueTest, APushDoesNotWaitForAStuckReader) {
+  folder.MakeFifo("events");
+  LineReader reader(path);
+  Open(noLimit);
+  Push({std::string(1024 * 1024, 'x')});
+  EXPECT_EQ(log.Next(),
+            "warning send queue: " + path + " is not being read; events are kept and tried again");
+  const auto start = std::chrono::steady_clock::now();
+  Push(Events(1000));
+  // One attempt of the sink takes a fifth of a second: a thousand pushes that wait for one take minutes.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+  EXPECT_EQ(queue->Accepted(), 1001U);
+}
+
+TEST_F(SendQueueTest, AReaderThatGoesAndReturnsGetsWhatWasPushedMeanwhile) {
+  folder.MakeFifo("events");
+  auto reader = std::make_unique<LineReader>(path);
+  Open(noLimit);
+  Push({"one"});
+  EXPECT_EQ(reader->Next(generous), "one");
+  reader->Close();
+  Push({"two"});
+  EXPECT_EQ(log.Next(), "warning send queue: " + path +
+                            " cannot be written: Broken pipe; events are kept and tried again");
+  Push({"three"});
+  LineReader another(path);
+  Push({"four"});
+  EXPECT_THAT(another.Next(3, generous), ElementsAre("two", "three", "four"));
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_THAT(RestOfLog(), ElementsAre(testing::MatchesRegex(
+                               "info send queue: .*/events takes events again; [12] are still waiting")));
+}
+
+TEST_F(SendQueueTest, AFullDeviceIsToldOnceAndNothingIsDropped) {
+  Open("/dev/full", noLimit);
+  Push({"one"});
+  EXPECT_EQ(log.Next(),
+            "warning send queue: /dev/full cannot be written: No space left on device; events are "
+            "kept and tried again");
+  Push({"two", "three"});
+  EXPECT_FALSE(queue->Drain(brief));
+  EXPECT_FALSE(queue->Drain(brief));
+  const std::vector<std::string> left = {"error send queue: 3 events could not be delivered to /dev/full",
+                                         "error send queue: not delivered: one",
+                                         "error send queue: not delivered: two",
+                                         "error send queue: not delivered: three"};
+  std::vector<std::string> twice = left;
+  twice.insert(twice.end(), left.begin(), left.end());
+  EXPECT_THAT(RestOfLog(), ElementsAreArray(twice));
+}
+
+TEST_F(SendQueueTest, WhatFailedIsTriedAgainWithoutAnotherEvent) {
+  std::filesystem::create_directory(folder.Path("inner"));
+  Open(folder.Path("inner/events"), noLimit);
+  std::filesystem::remove_all(folder.Path("inner"));
+  Push({"one"});
+  EXPECT_EQ(log.Next(), "warning send queue: " + folder.Path("inner/events") +
+                            " cannot be opened: No such file or directory; events are kept and tried again");
+  std::filesystem::create_directory(folder.Path("inner"));
+  EXPECT_EQ(log.Next(),
+            "info send queue: " + folder.Path("inner/events") + " takes events again; 0 are still waiting");
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_EQ(folder.Read("inner/events"), "one\n");
+}
+
+TEST_F(SendQueueTest, AQueueThatIsFullRefusesCountsAndTells) {
+  folder.MakeFifo("events");  // without a reader
+  Open(noLimit);
+  const std::vector<std::string> events = Events(4, SendQueue::longestQueue / 4);
+  Push(events);
+  EXPECT_EQ(queue->Accepted(), 4U);
+  Push({"x"});
+  Push({"y"});
+  EXPECT_EQ(queue->Accepted(), 4U);
+  EXPECT_EQ(log.Next(), "warning send queue: " + path +
+                            " cannot be opened: No such device or address; events are kept and tried again");
+
+  std::filesystem::remove(path);  // a file takes its place, which has room for everything
+  EXPECT_TRUE(queue->Drain(generous));
+  Push({"z"});
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_EQ(queue->Accepted(), 5U);
+  EXPECT_TRUE(folder.Read("events") == Lines(events) + "z\n");
+  EXPECT_THAT(RestOfLog(),
+              ElementsAre("info send queue: " + path + " takes events again; 3 are still waiting",
+                          "error send queue: 2 events were lost: the queue was full"));
+}
+
+TEST_F(SendQueueTest, EventsOfManyThreadsAreAllThereInTheOrderOfEachThread) {
+  constexpr std::size_t threadCount = 8;
+  constexpr std::size_t eventCount = 250;
+  Open(noLimit);
+  std::vector<std::thread> threads;
+  for (std::size_t thread = 0; thread < threadCount; ++thread) {
+    threads.emplace_back([this, thread] {
+      for (const std::string& event : Events(eventCount)) {
+        queue->Push(std::to_string(thread) + " " + event);
+      }
+    });
+  }
+  while (queue->Accepted() < threadCount * eventCount / 2) {
+    EXPECT_TRUE(queue->Drain(generous));  // in the middle of it, too
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_EQ(queue->Accepted(), threadCount * eventCount);
+
+  std::vector<std::vector<std::string>> byThread(threadCount);
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    byThread.at(static_cast<std::size_t>(line[0] - '0')).push_back(line.substr(2));
+  }
+  EXPECT_THAT(byThread, testing::Each(Events(eventCount)));
+}
+
+TEST_F(SendQueueTest, AQueueEndsWhateverItsSinkDoes) {
+  // Made and ended again and again: idle, busy, stuck, failing.
+  folder.MakeFifo("stuck");
+  LineReader reader(folder.Path("stuck"));
+  for (int time = 0; time < 20; ++time) {
+    for (const std::string& output : {path, folder.Path("stuck"), std::string("/dev/full")}) {
+      Open(output, 1);
+      if (time % 2 == 1) {
+        Push({std::string(20000, 'x'), "two"});
+      }
+      queue.reset();
+    }
+  }
+}
+
+}  // namespace
