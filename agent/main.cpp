@@ -1,0 +1,210 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+
+#include "agent/event_sink.h"
+#include "agent/file_monitor.h"
+#include "agent/logger.h"
+#include "agent/module_loader.h"
+#include "agent/options.h"
+#include "agent/policy.h"
+#include "agent/send_queue.h"
+#include "agent/services.h"
+#include "agent/task_scheduler.h"
+
+namespace {
+
+constexpr char accountFile[] = "/etc/passwd";
+constexpr unsigned workerCount = 1;  // one task is registered; it never runs beside itself
+constexpr std::chrono::milliseconds drainPatience{4000};
+
+// A step that cannot be done, with the code to end with.
+class Failure : public std::runtime_error {
+ public:
+  Failure(ExitCode exitCode, const std::string& what) : std::runtime_error(what), code(exitCode) {}
+  const ExitCode code;
+};
+
+// Runs a step and gives whatever it throws the exit code of that step.
+template <typename Step>
+auto OrFail(ExitCode code, Step step) {
+  try {
+    return step();
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception& error) {
+    throw Failure(code, error.what());
+  }
+}
+
+// A descriptor that was closed at the start would be given to the first file that is opened, and alerts or
+// log lines would end up there.
+void OccupyStandardDescriptors(const Options& options) {
+  for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+    if (fcntl(descriptor, F_GETFD) >= 0) {
+      continue;
+    }
+    if (descriptor == STDOUT_FILENO && options.outputPath == "-") {
+      throw Failure(EXIT_OUTPUT, "standard output is closed, and alerts are to go there; see --output");
+    }
+    const int opened = open("/dev/null", O_RDWR | O_NOCTTY);
+    if (opened != descriptor && opened >= 0) {
+      dup2(opened, descriptor);
+      close(opened);
+    }
+  }
+}
+
+// The signals that the control thread waits for. Blocked before any thread exists, so no other thread gets
+// them.
+sigset_t BlockSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int number : {SIGHUP, SIGTERM, SIGINT}) {
+    signal(number, SIG_DFL);  // an ignored one, as nohup leaves it, might never arrive
+    sigaddset(&signals, number);
+  }
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  // A reader that goes away and a file that reaches its size limit are errors of a write, not ends.
+  signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
+  return signals;
+}
+
+std::string ReadPolicy(const Options& options) {
+  return options.policyPath.empty() ? defaultPolicy : LoadPolicy(options.policyPath);
+}
+
+// Starts the module with the policy and has it read at once, so that standing accounts are reported now and
+// not after the task's first delay.
+void Start(const LoadedModule& module, const std::string& policy, TaskScheduler& scheduler) {
+  if (!module.Start(policy.c_str())) {
+    throw Failure(EXIT_MODULE, "the module refused the policy");
+  }
+  if (scheduler.LaunchAll() == 0) {
+    throw Failure(EXIT_MODULE, "the module started without its task: nothing is being watched");
+  }
+}
+
+// What keeps the account file from being read, if anything does.
+void RequireAccountFile() {
+  const int descriptor = open(accountFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (descriptor < 0) {
+    throw Failure(EXIT_ACCOUNT_FILE, std::string(accountFile) + ": " + std::strerror(errno));
+  }
+  struct stat status;
+  const bool regular = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+  close(descriptor);
+  if (!regular) {
+    throw Failure(EXIT_ACCOUNT_FILE, std::string(accountFile) + ": not a regular file");
+  }
+}
+
+// A policy that cannot be used leaves the running one in place. A bad text is not even shown to the module,
+// which would stop and leave the host unwatched.
+void Reload(const LoadedModule& module, const Options& options, std::string& running,
+            TaskScheduler& scheduler, Logger& logger) {
+  try {
+    std::string policy = ReadPolicy(options);
+    Start(module, policy, scheduler);
+    running = std::move(policy);
+    logger.Info("policy reloaded");
+  } catch (const Failure& failure) {
+    logger.Error(std::string(failure.what()) + "; going back to the policy before");
+    Start(module, running, scheduler);
+  } catch (const std::exception& error) {
+    logger.Error(std::string(error.what()) + "; the running policy stays");
+  }
+}
+
+// Until a signal asks for the end.
+void Watch(const sigset_t& signals, const LoadedModule& module, const Options& options, std::string policy,
+           TaskScheduler& scheduler, Logger& logger) {
+  for (;;) {
+    int number = 0;
+    sigwait(&signals, &number);
+    if (number != SIGHUP) {
+      logger.Info(std::string("stopping: ") + strsignal(number));
+      return;
+    }
+    Reload(module, options, policy, scheduler, logger);
+  }
+}
+
+int CheckPolicy(const std::string& path) {
+  OrFail(EXIT_POLICY, [&] { return LoadPolicy(path); });
+  std::printf("%s: valid\n", path.c_str());
+  return EXIT_DONE;
+}
+
+int Run(const Options& options) {
+  OccupyStandardDescriptors(options);
+  if (!options.checkPolicyPath.empty()) {
+    return CheckPolicy(options.checkPolicyPath);
+  }
+  const sigset_t signals = BlockSignals();
+  const std::string policy = OrFail(EXIT_POLICY, [&] { return ReadPolicy(options); });
+  const std::string modulePath =
+      OrFail(EXIT_MODULE, [&] { return options.modulePath.empty() ? FindModule() : options.modulePath; });
+  if (options.once) {
+    RequireAccountFile();
+  }
+
+  // Declaration order is lifetime: read it bottom-up to see the shutdown.
+  Logger logger(options.logLevel);
+  EventSink sink = OrFail(EXIT_OUTPUT, [&] { return EventSink(options.outputPath); });
+  SendQueue queue(sink, logger, options.eventsPerMinute);
+  TaskScheduler scheduler(workerCount, logger);
+  FileMonitor monitor(logger, options.identityInterval);
+  InstalledServices services(logger, queue, scheduler, monitor);  // the functions of host/ land here
+  // Last: unloaded while everything that it calls still stands.
+  const LoadedModule module = OrFail(EXIT_MODULE, [&] { return LoadedModule(modulePath); });
+
+  if (!module.Init()) {
+    throw Failure(EXIT_MODULE, "module " + modulePath + ": InitModule failed");
+  }
+  Start(module, policy, scheduler);
+  bool completed = true;
+  if (options.once) {
+    completed = scheduler.WaitUntilIdle();
+  } else {
+    logger.Info("watching /etc/passwd; alerts go to " + sink.Name());
+    Watch(signals, module, options, policy, scheduler, logger);
+  }
+  module.Stop();
+  module.Deinit();
+  if (!queue.Drain(drainPatience)) {
+    return EXIT_OUTPUT;
+  }
+  if (!completed) {
+    return EXIT_SYSTEM;
+  }
+  return options.once && queue.Accepted() > 0 ? EXIT_ALERTS : EXIT_DONE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    const CommandLine commandLine = ParseCommandLine(argc, argv);
+    return commandLine.run ? Run(commandLine.options) : commandLine.exitCode;
+  } catch (const Failure& failure) {
+    std::fprintf(stderr, "velta-agent: %s\n", failure.what());
+    return failure.code;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "velta-agent: %s\n", error.what());
+    return EXIT_SYSTEM;
+  }
+}

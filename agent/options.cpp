@@ -1,0 +1,74 @@
+#include "agent/options.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace {
+
+// In the order of LogLevel.
+const std::vector<std::string> logLevelNames = {"debug", "info", "warning", "error", "off"};
+
+LogLevel LogLevelOf(const std::string& name) {
+  const auto found = std::find(logLevelNames.begin(), logLevelNames.end(), name);
+  return static_cast<LogLevel>(found - logLevelNames.begin());
+}
+
+constexpr char footer[] =
+    R"(Exit codes: 0 done (with --once: no alert), 1 --once raised alerts, 2 usage, 3 policy,
+4 module, 5 output, 6 system resources, 7 --once could not read /etc/passwd.
+Signals: SIGHUP reloads the policy, SIGTERM and SIGINT stop.
+
+Example: append alerts to a file, 100 a minute at most
+  velta-agent --policy policy.json --output alerts.jsonl --limit 100)";
+
+}  // namespace
+
+CommandLine ParseCommandLine(int argc, const char* const* argv) {
+  Options options;
+  std::string logLevel = "info";
+  long long identityMs = options.identityInterval.count();
+  CLI::App app("Watches /etc/passwd and writes a JSON line for every account that newly has user ID 0.",
+               "velta-agent");
+  app.set_version_flag("--version", "velta-agent " VELTA_VERSION);
+  app.get_formatter()->column_width(26);
+  app.footer(footer);
+  // An empty value is a variable that was not set in somebody's script: never a wish for the default.
+  const auto refuseEmpty = [](const std::string& text) {
+    return text.empty() ? std::string("the value is empty") : std::string();
+  };
+  const auto value = [&](CLI::Option* option, const char* name) {
+    option->check(refuseEmpty)->option_text(name)->take_last();
+  };
+  value(app.add_option("--policy", options.policyPath, "the policy, a JSON file (default: detection on)"),
+        "FILE");
+  value(app.add_option("--module", options.modulePath,
+                       "the module (default: beside the agent, or in ../lib/velta)"),
+        "FILE");
+  value(app.add_option("--output", options.outputPath, "where alerts go: a file, or - for standard output"),
+        "FILE|-");
+  value(app.add_option("--limit", options.eventsPerMinute,
+                       "alerts a minute, the others wait; 0 for no limit (60)"),
+        "N");
+  value(app.add_option("--check-interval", identityMs,
+                       "how often a stat looks for what no event tells; 0 for never (1000)")
+            ->check(CLI::Range(0LL, 3600000LL)),
+        "MS");
+  value(app.add_option("--log-level", logLevel, "debug, info, warning, error or off (info)")
+            ->check(CLI::IsMember(logLevelNames)),
+        "LEVEL");
+  app.add_flag("--once", options.once, "read once, write the alerts, end");
+  value(
+      app.add_option("--check-policy", options.checkPolicyPath, "say whether the file is a policy, and end"),
+      "FILE");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& outcome) {
+    const int code = app.exit(outcome);
+    return {false, code == 0 ? EXIT_DONE : EXIT_USAGE, options};
+  }
+  options.logLevel = LogLevelOf(logLevel);
+  options.identityInterval = std::chrono::milliseconds(identityMs);
+  return {true, EXIT_DONE, options};
+}

@@ -1,0 +1,75 @@
+#include "agent/policy.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "agent/json.h"
+
+const char defaultPolicy[] = R"({"unauthorized-root-user": {}})";
+
+namespace {
+
+constexpr off_t largestPolicy = off_t{64} << 20;  // bytes
+
+class PolicyFile {
+ public:
+  // Without blocking: opening a FIFO would otherwise wait for a writer.
+  explicit PolicyFile(const std::string& policyPath)
+      : path(policyPath), descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
+    if (descriptor < 0) {
+      Refuse(std::strerror(errno));
+    }
+  }
+  ~PolicyFile() { close(descriptor); }
+  PolicyFile(const PolicyFile&) = delete;
+  PolicyFile& operator=(const PolicyFile&) = delete;
+
+  std::string Read() const {
+    struct stat status;
+    if (fstat(descriptor, &status) != 0) {
+      Refuse(std::strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+      Refuse("not a regular file");
+    }
+    if (status.st_size > largestPolicy) {
+      Refuse("larger than 64 MiB");
+    }
+    std::string text;
+    char buffer[65536];
+    for (;;) {
+      const ssize_t size = read(descriptor, buffer, sizeof(buffer));
+      if (size > 0) {
+        text.append(buffer, static_cast<std::size_t>(size));
+      } else if (size == 0) {
+        return text;
+      } else if (errno != EINTR) {
+        Refuse(std::strerror(errno));
+      }
+    }
+  }
+
+ private:
+  [[noreturn]] void Refuse(const std::string& reason) const {
+    throw std::runtime_error("policy " + path + ": " + reason);
+  }
+
+  std::string path;
+  int descriptor;
+};
+
+}  // namespace
+
+std::string LoadPolicy(const std::string& path) {
+  std::string text = PolicyFile(path).Read();
+  if (const auto fault = FindJsonFault(text)) {
+    throw std::runtime_error("policy " + path + ":" + std::to_string(fault->line) + ":" +
+                             std::to_string(fault->column) + ": " + fault->reason);
+  }
+  return text;
+}
