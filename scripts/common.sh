@@ -1,0 +1,35 @@
+# Sourced by ./run and ./test: what both say and install. Everything here speaks on standard error, so that
+# standard output stays with the agent's alerts and the test runner.
+
+say() { printf '\n== %s\n' "$*" >&2; }
+
+fail() {
+  printf '%s: %s\n' "${0##*/}" "$*" >&2
+  exit 1
+}
+
+build_packages=(g++ cmake ninja-build nlohmann-json3-dev libcli11-dev libspdlog-dev libfmt-dev)
+test_packages=(googletest clang clang-format clang-tidy adduser passwd)
+
+# install_packages NAME...: installs those that are missing, without a question.
+install_packages() {
+  local name missing=()
+  for name in "$@"; do
+    dpkg-query -W -f '${db:Status-Status}\n' "$name" 2>/dev/null | grep -qx installed || missing+=("$name")
+  done
+  [ ${#missing[@]} -eq 0 ] && return
+  [ "$(id -u)" -eq 0 ] || fail "these packages are missing; start it once as root, or install them: ${missing[*]}"
+  say "Installing ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update >&2 || fail "apt-get update failed"
+  apt-get install -y --no-install-recommends "${missing[@]}" >&2 || fail "apt-get install failed"
+}
+
+# build PRESET [TARGET...]: configures and builds one of CMakePresets.json.
+build() {
+  local preset=$1
+  shift
+  say "Building: $preset"
+  cmake --preset "$preset" >&2
+  cmake --build --preset "$preset" ${1:+--target "$@"} >&2
+}
