@@ -87,7 +87,10 @@ void UnauthorizedRootUser::SendUserAlert(const PasswdInfo& info) {
   UtilsGetUtcTime(eventTime);
   if (eventTime.empty()) {
     // An alert without a time is dropped for good, and only this coded record tells of it.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-zero-length"  // a coded record has no text
     LoggerWriteLog(ORVAK_AGENT_LOG_CODED, noTimeCode, failureLevel, sourceName, noTimeLine, 0, "");
+#pragma GCC diagnostic pop
     return;
   }
   utils::MyJson::MyValue content;

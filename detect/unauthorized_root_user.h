@@ -28,18 +28,18 @@ class UnauthorizedRootUser {
   // Compares one snapshot with the baseline. Nothing that it calls may publish a snapshot on this thread.
   static void DetectUnauthorizedRootUser(const std::vector<PasswdInfo>& users);
 
-  // The steps of a detection; the caller holds detectMutex.
+  // The steps of a detection: called with detectMutex held, or while nothing detects.
   void CmpUserInfo(const std::set<PasswdInfo>& users);
   void ComparePasswd(const PasswdInfo& oldInfo, const PasswdInfo& newInfo);
   void SendUserAlert(const PasswdInfo& info);
+
+  static std::mutex detectMutex;  // makes detections exclusive; guards baseline
 
  private:
   UnauthorizedRootUser() = default;
   ~UnauthorizedRootUser() = default;
   UnauthorizedRootUser(const UnauthorizedRootUser&) = delete;
   UnauthorizedRootUser& operator=(const UnauthorizedRootUser&) = delete;
-
-  static std::mutex detectMutex;  // makes detections exclusive; guards baseline
 
   std::set<PasswdInfo> baseline;
 };

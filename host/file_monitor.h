@@ -18,7 +18,7 @@ enum MonitorType {
 
 using FileWatchCallback = std::function<void(int, const char*, const char*, bool, int, const std::string&)>;
 
-// A watch on one file. Read by the monitor across the fence, so its layout is fixed; it has no member
+// A watch on one file. Passed between module and agent, so its layout is fixed; it has no member
 // initialisers on purpose: whoever makes one value-initialises it (FileWatchRule rule = FileWatchRule();),
 // and its padding is then zero too.
 //
@@ -41,19 +41,18 @@ struct FileWatchRule {
 
 // The tabled layout belongs to 32-bit hosts whose string is one pointer wide; elsewhere the record has the
 // natural layout of the same fields.
-constexpr bool fileWatchRuleIsTabled = sizeof(void*) == 4 && sizeof(std::string) == sizeof(void*);
+#define VELTA_ELSEWHERE (sizeof(void*) != 4 || sizeof(std::string) != sizeof(void*))
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"  // defined for this record by every compiler in use
-static_assert(!fileWatchRuleIsTabled || sizeof(FileWatchRule) == 28,
-              "the monitor reads a record of 28 bytes");
-static_assert(!fileWatchRuleIsTabled || offsetof(FileWatchRule, switch1) == 4, "switches follow the path");
-static_assert(!fileWatchRuleIsTabled || offsetof(FileWatchRule, switch10) == 13,
-              "switches are bytes in a row");
-static_assert(!fileWatchRuleIsTabled || offsetof(FileWatchRule, monitorId) == 16, "handle at offset 16");
-static_assert(!fileWatchRuleIsTabled || offsetof(FileWatchRule, callback) == 20, "callback at offset 20");
+static_assert(VELTA_ELSEWHERE || sizeof(FileWatchRule) == 28, "the monitor reads a record of 28 bytes");
+static_assert(VELTA_ELSEWHERE || offsetof(FileWatchRule, switch1) == 4, "switches follow the path");
+static_assert(VELTA_ELSEWHERE || offsetof(FileWatchRule, switch10) == 13, "switches are bytes in a row");
+static_assert(VELTA_ELSEWHERE || offsetof(FileWatchRule, monitorId) == 16, "handle at offset 16");
+static_assert(VELTA_ELSEWHERE || offsetof(FileWatchRule, callback) == 20, "callback at offset 20");
 static_assert(offsetof(FileWatchRule, path) == 0, "the path leads the record");
 static_assert(offsetof(FileWatchRule, switch10) == sizeof(std::string) + 9, "ten switches without a gap");
 #pragma GCC diagnostic pop
+#undef VELTA_ELSEWHERE
 
 // Watches rule.path; returns a handle, or 0 when the watch was refused. The monitor keeps its own copy of the
 // rule and calls (*rule.callback)(kind, path, detail, flag, number, text) on its own thread with rule.path,

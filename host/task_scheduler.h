@@ -15,8 +15,9 @@ enum TASKTYPE {
   TASKTYPE_PERIODIC = 1,  // the timer runs the task again and again
 };
 
-// When the timer runs a task. Crosses the fence by value, so its layout is fixed for every target: the
-// padding is spelled out because a 32-bit x86 aligns 64-bit integers to 4 and a compiler would pad otherwise.
+// When the timer runs a task. Passed by value between module and agent, so its layout is fixed for every
+// target: the padding is spelled out because a 32-bit x86 aligns 64-bit integers to 4 and a compiler would
+// pad otherwise.
 struct TASK_CONDITION {
   std::int64_t startDelayMs;  // from the registration to the first run
   std::int64_t intervalMs;    // between runs

@@ -30,13 +30,18 @@ ElfFile::ElfFile(const std::string& path) {
   }
   for (const Section& section : sections) {
     if (section.type == SHT_DYNSYM) {
-      ReadDynamicSymbols(section, sections.at(section.link));
+      dynamicSymbols = ReadSymbols(section, sections.at(section.link));
+    } else if (section.type == SHT_SYMTAB) {
+      linkSymbols = ReadSymbols(section, sections.at(section.link));
     } else if (section.type == SHT_DYNAMIC) {
       dynamicTextOffset = sections.at(section.link).offset;
       ReadDynamicEntries(section);
+    } else if (section.type == SHT_GNU_verneed) {
+      ReadRequiredVersions(section, sections.at(section.link));
     }
   }
-  if (entries.empty()) {
+  const std::uint64_t type = Number(EI_NIDENT, 2);
+  if (entries.empty() && type != ET_REL) {
     throw std::runtime_error(path + " has no dynamic section");
   }
 }
@@ -80,7 +85,8 @@ ElfFile::Section ElfFile::ReadSection(std::uint64_t offset) const {
   return section;
 }
 
-void ElfFile::ReadDynamicSymbols(const Section& section, const Section& names) {
+std::vector<ElfFile::Symbol> ElfFile::ReadSymbols(const Section& section, const Section& names) const {
+  std::vector<Symbol> symbols;
   const std::uint64_t size = wide ? sizeof(Elf64_Sym) : sizeof(Elf32_Sym);
   for (std::uint64_t offset = size; offset + size <= section.size; offset += size) {
     const std::uint64_t at = section.offset + offset;
@@ -90,6 +96,7 @@ void ElfFile::ReadDynamicSymbols(const Section& section, const Section& names) {
     symbol.defined = Number(at + (wide ? 6 : 14), 2) != SHN_UNDEF;
     symbols.push_back(symbol);
   }
+  return symbols;
 }
 
 void ElfFile::ReadDynamicEntries(const Section& section) {
@@ -100,5 +107,18 @@ void ElfFile::ReadDynamicEntries(const Section& section) {
     if (entries.back().tag == DT_NULL) {
       return;
     }
+  }
+}
+
+// A list of libraries, each with a list of versions; the records are alike in both classes.
+void ElfFile::ReadRequiredVersions(const Section& section, const Section& names) {
+  std::uint64_t library = section.offset;
+  for (std::uint64_t toNextLibrary = 1; toNextLibrary != 0; library += toNextLibrary) {
+    std::uint64_t version = library + Number(library + offsetof(Elf32_Verneed, vn_aux), 4);
+    for (std::uint64_t toNextVersion = 1; toNextVersion != 0; version += toNextVersion) {
+      versions.push_back(Text(names.offset + Number(version + offsetof(Elf32_Vernaux, vna_name), 4)));
+      toNextVersion = Number(version + offsetof(Elf32_Vernaux, vna_next), 4);
+    }
+    toNextLibrary = Number(library + offsetof(Elf32_Verneed, vn_next), 4);
   }
 }

@@ -131,6 +131,25 @@ TEST_F(EntryPoints, ARefusedWatchEndsTheTaskAgainAndTheStartStillSucceeds) {
                                         registered, watched, "pause 7", "unregister 7"));
 }
 
+TEST_F(EntryPoints, WhatTheAgentThrowsPassesThroughTheModuleAndALaterStopAndStartWork) {
+  ASSERT_EQ(module.startModule(withDetection.c_str()), 1);
+  host.TakeCalls();
+  host.onCall = ThrowAt("pause", 1);
+  try {
+    module.startModule(withDetection.c_str());
+    ADD_FAILURE() << "the exception was swallowed";
+  } catch (const HostFailure& failure) {
+    EXPECT_STREQ(failure.what(), "pause");
+  }
+  EXPECT_THAT(host.TakeCalls(), ElementsAre(withdrawn, "pause 7"));
+
+  module.stopModule();
+  EXPECT_THAT(host.TakeCalls(), ElementsAre(withdrawn, "pause 7", "unregister 7"));
+  EXPECT_EQ(module.startModule(withDetection.c_str()), 1);
+  EXPECT_THAT(host.Calls(), ElementsAre(withdrawn, StartupLog(withDetection), PolicyLog(withDetection),
+                                        InitResult("true"), registered, watched));
+}
+
 TEST_F(EntryPoints, TheShippedModuleWatchesTheRealAccountFile) {
   ASSERT_EQ(module.startModule(withoutDetection.c_str()), 1);
   ASSERT_TRUE(host.added.has_value());
@@ -169,7 +188,7 @@ TEST_F(EntryPoints, TheRuleHasItsFieldsAtTheirOffsetsAndZeroPadding) {
   EXPECT_THAT(Part(record, switches, 10), ElementsAre(0, 0, 0, 1, 1, 1, 0, 0, 0, 1));
   EXPECT_THAT(Part(record, switches + 10, callback - switches - 10), Each(0)) << "padding and handle";
   EXPECT_EQ(FieldAt<const void*>(record, callback), host.added->callback.get());
-  if (fileWatchRuleIsTabled) {
+  if (sizeof(void*) == 4 && sizeof(std::string) == sizeof(void*)) {
     EXPECT_EQ(monitorId, 16u);
     EXPECT_EQ(callback, 20u);
     EXPECT_EQ(record.size(), 28u);

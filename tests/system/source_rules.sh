@@ -1,12 +1,14 @@
 #!/bin/bash
-# Reads the sources of the module and of the agent below the folder given, and fails on an include that the
-# layers do not allow, and on exception handling inside the module: what passes through it ends at the agent's
-# own threads.
+# Reads the sources of the module and of the agent below the folder given, and fails on
+# - an include that the layers do not allow;
+# - exceptions raised, handled or forbidden inside the module: what passes through it comes from the agent and
+#   ends at the agent's own threads;
+# - a definition in host/: these headers declare what an agent supplies, and hold nothing of their own.
 set -u
 LC_ALL=C
 export LC_ALL
 
-root=${1:?usage: includes.sh SOURCE_FOLDER}
+root=${1:?usage: source_rules.sh SOURCE_FOLDER}
 cd "$root" || exit 2
 
 # What each folder may include, as an extended regular expression.
@@ -48,12 +50,29 @@ for folder in "${!allowed[@]}"; do
   done
 done
 
-for folder in $module_folders; do
-  for file in $(sources "$folder"); do
-    found=$(sed -E 's@//.*@@; s@"([^"\\]|\\.)*"@""@g' "$file" | grep -nwE 'try|catch|noexcept')
-    [ -z "$found" ] || fault "$file:$found: the module neither catches nor forbids exceptions"
+# The code of a file, line for line: without comments, and with empty texts.
+code() {
+  sed -E "s@'([^'\\\\]|\\\\.)'@@g; "'s@"([^"\\]|\\.)*"@""@g; s@/\*([^*]|\*+[^*/])*\*+/@ @g; s@//([^*]|\*[^/])*$@@' "$1" |
+    sed -E '/\/\*/,/\*\// { s@/\*.*@@; t; s@.*\*/@@; t; s@.*@@ }'
+}
+
+# search FOLDER REGEX COMPLAINT: a fault for every line of code that has the word or words.
+search() {
+  local file found
+  for file in $(sources "$1"); do
+    while IFS= read -r found; do
+      fault "$file:$found: $3"
+    done < <(code "$file" | grep -nE "$2")
   done
+}
+
+for folder in $module_folders; do
+  search "$folder" '\<(try|catch|noexcept|throw)\>' 'the module neither raises, catches nor forbids exceptions'
 done
+
+# static_assert is one word and passes. A function's body begins behind its parentheses.
+search host '\<(inline|constexpr|static)\>' 'host/ declares and defines nothing'
+search host '\)[^;]*\{|^[[:space:]]*\{' 'host/ declares and has no function with a body'
 
 echo "$checked sources read, $faults faults"
 [ "$checked" -gt 0 ] && [ "$faults" -eq 0 ]
