@@ -11,6 +11,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <type_traits>
 #include <utility>
@@ -18,6 +19,7 @@
 
 #include "collector/passwd_info.h"
 #include "tests/support/allocation_failure.h"
+#include "tests/support/held_mutex.h"
 #include "tests/support/latch.h"
 #include "tests/support/records.h"
 
@@ -375,6 +377,34 @@ TEST_F(MessageBusTest, APublicationThatRunsOutOfMemoryCallsNobodyAndTheNextOneCa
   }
 }
 
+TEST_F(MessageBusTest, ALockThatFailsReachesTheCallerWithItsErrorNumberAndChangesNothing) {
+  Subscribe("detect_user", "standing", Writer("standing"));
+  const std::function<void()> operations[] = {
+      [this] { Subscribe("another topic", "late", Writer("late")); },
+      [] { Unsubscribe("detect_user", "standing"); },
+      [] { Unsubscribe("yet another topic", "standing"); },
+      [] { Publish("detect_user", "news"); },
+  };
+  for (const std::function<void()>& operation : operations) {
+    SCOPED_TRACE(&operation - operations);
+    std::error_code error;
+    {
+      const HeldMutex held(MessageBus::GetSubMutex());
+      try {
+        operation();
+      } catch (const std::system_error& failure) {
+        error = failure.code();
+      }
+    }
+    EXPECT_EQ(error, std::errc::resource_deadlock_would_occur);
+    EXPECT_THAT(delivered, IsEmpty());
+    EXPECT_THAT(MessageBus::GetSubList<Text>(), ElementsAre(Pair("detect_user", SizeIs(1))));
+  }
+
+  Publish("detect_user", "news");
+  EXPECT_THAT(delivered, ElementsAre("standing got news"));
+}
+
 TEST_F(MessageBusTest, UnsubscribingWhileTheHandlerRunsNeitherWaitsNorStopsIt) {
   Latch entered;
   Latch unsubscribed;
@@ -417,7 +447,7 @@ TEST_F(MessageBusTest, TwoPublishersRunTheirHandlersSideBySide) {
 TEST_F(MessageBusTest, NothingIsLostWhenSubscribersComeAndGoBesideTwoPublishers) {
   constexpr int rounds = 200;
   std::atomic<int> standing{0};
-  std::atomic<int> passing{0};
+  std::atomic<int> passing{0};  // what their own publications brought to those who come and go
   Subscribe("detect_user", "standing", [&standing](Text) { ++standing; });
   Latch start;
   std::vector<std::thread> threads;
@@ -432,9 +462,15 @@ TEST_F(MessageBusTest, NothingIsLostWhenSubscribersComeAndGoBesideTwoPublishers)
   for (int subscriber = 0; subscriber < 2; ++subscriber) {
     threads.emplace_back([&, subscriber] {
       const std::string name = "passing " + std::to_string(subscriber);
+      const std::thread::id self = std::this_thread::get_id();
       for (int round = 0; start.Wait() && round < rounds; ++round) {
-        added += Subscribe("detect_user", name, [&passing](Text) { ++passing; }) ? 1 : 0;
+        added += Subscribe("detect_user", name,
+                           [&, self](Text) { passing += std::this_thread::get_id() == self ? 1 : 0; })
+                     ? 1
+                     : 0;
+        Publish("detect_user", "reaches itself");
         Unsubscribe("detect_user", name);
+        Publish("detect_user", "does not");
       }
     });
   }
@@ -443,8 +479,9 @@ TEST_F(MessageBusTest, NothingIsLostWhenSubscribersComeAndGoBesideTwoPublishers)
     thread.join();
   }
 
-  EXPECT_EQ(standing, 2 * rounds);
+  EXPECT_EQ(standing, 2 * rounds + 2 * 2 * rounds);
   EXPECT_EQ(added, 2 * rounds);
+  EXPECT_EQ(passing, 2 * rounds);
   EXPECT_THAT(Names("detect_user"), ElementsAre("standing"));
 }
 

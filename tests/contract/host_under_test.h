@@ -16,6 +16,9 @@
 // - the limit of events a minute is 1000 or more;
 // - the log keeps records of every level.
 //
+// The suites whose names begin with Advised test what the module can live without, and what the design of the
+// agent may well decide otherwise: --gtest_filter=-Advised* leaves them out. All others must pass.
+//
 // Thread use: made, asked and destroyed on one thread; the services themselves are called on many.
 class HostUnderTest {
  public:

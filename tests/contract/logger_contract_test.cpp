@@ -23,6 +23,9 @@ class LoggerContract : public testing::Test {
   HostUnderTest host;
 };
 
+// What a host does well to keep to, and what the module can live without: see host_under_test.h.
+class AdvisedLogger : public LoggerContract {};
+
 TEST_F(LoggerContract, DiagnosticsOfEveryLevelAreWrittenWithTheirArguments) {
   LoggerWriteLog(ORVAK_AGENT_LOG_DIAGNOSTIC, 0, verbatim, "detect_user_policy.cpp", 35, 0,
                  "detect user policy %s", "{}");
@@ -53,7 +56,10 @@ TEST_F(LoggerContract, ANullTextIsPrintedAndNotFollowed) {
 // The only trace of an alert that was dropped for want of a time.
 TEST_F(LoggerContract, ACodedRecordWithAnEmptyFormatIsWritten) {
   const std::string before = host.LogText();
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-zero-length"  // as the module writes it
   LoggerWriteLog(ORVAK_AGENT_LOG_CODED, 0xF0680045, failure, "unauthorized_root_user.cpp", 80, 0, "");
+#pragma GCC diagnostic pop
   EXPECT_GT(host.LogText().size(), before.size());
 }
 
@@ -76,7 +82,7 @@ TEST_F(LoggerContract, ALongTextAndStrangeBytesAreSurvived) {
 }
 
 // A name could otherwise forge a record of its own.
-TEST_F(LoggerContract, ANewlineInAnArgumentStartsNoLine) {
+TEST_F(AdvisedLogger, ANewlineInAnArgumentStartsNoLine) {
   LoggerWriteLog(ORVAK_AGENT_LOG_DIAGNOSTIC, 0, failure, "user_info_collector.cpp", 67, 0,
                  "The user name of /etc/passwd is repeated.[name=%s]", "toor\nforged");
   EXPECT_THAT(host.LogText(), Not(HasSubstr("\nforged")));

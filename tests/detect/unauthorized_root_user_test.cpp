@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
+#include <mutex>
 #include <new>
 #include <set>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -14,6 +17,7 @@
 #include "bus/message_bus.h"
 #include "collector/passwd_info.h"
 #include "tests/support/allocation_failure.h"
+#include "tests/support/held_mutex.h"
 #include "tests/support/latch.h"
 #include "tests/support/recording_host.h"
 #include "tests/support/records.h"
@@ -28,6 +32,7 @@ using Snapshot = std::vector<PasswdInfo>;
 static_assert(!std::is_polymorphic<UnauthorizedRootUser>::value, "no virtual operations");
 static_assert(sizeof(UnauthorizedRootUser) == sizeof(std::set<PasswdInfo>),
               "the baseline is the only member");
+static_assert(std::is_same<decltype(UnauthorizedRootUser::detectMutex), std::mutex>::value, "not recursive");
 static_assert(!std::is_copy_constructible<UnauthorizedRootUser>::value, "one instance");
 
 class UnauthorizedRootUserTest : public testing::Test {
@@ -347,6 +352,32 @@ TEST_F(UnauthorizedRootUserTest, AnExceptionPassesThroughTheBusToThePublisher) {
   host.TakeCalls();
 
   EXPECT_THAT(Publish(users), ElementsAre("toor"));
+}
+
+TEST_F(UnauthorizedRootUserTest, ALockThatFailsReachesThePublisherAndNothingElseHappens) {
+  ASSERT_TRUE(detector.Init());
+  Detect({Account("alice", 1000)});
+  const Snapshot users = {Account("alice", 0), Account("toor", 0)};
+  const std::function<void()> detections[] = {
+      [&users] { UnauthorizedRootUser::DetectUnauthorizedRootUser(users); },
+      [&users] { MessageBus::Publish<const Snapshot&>("detect_user", users); },
+  };
+  for (const std::function<void()>& detection : detections) {
+    SCOPED_TRACE(&detection - detections);
+    std::error_code error;
+    {
+      const HeldMutex held(UnauthorizedRootUser::detectMutex);
+      try {
+        detection();
+      } catch (const std::system_error& failure) {
+        error = failure.code();
+      }
+    }
+    EXPECT_EQ(error, std::errc::resource_deadlock_would_occur);
+    EXPECT_THAT(host.TakeCalls(), IsEmpty());
+  }
+
+  EXPECT_THAT(Publish(users), ElementsAre("alice", "toor")) << "the baseline had not moved";
 }
 
 TEST_F(UnauthorizedRootUserTest,

@@ -166,10 +166,17 @@ TEST_F(UserAlertTest, WhatTheTimeServiceOrTheQueueThrowsReachesTheCaller) {
 
   host.onCall = ThrowAt("push", 1);
   EXPECT_THROW(Send(Account("toor", 0)), HostFailure);
+  EXPECT_THAT(
+      host.TakeCalls(),
+      ElementsAre(
+          "time \"\"",
+          R"(push {"eventType":"unauthorized-root-user","eventTime":"2026-03-01 08:15:42","eventContent":)"
+          R"({"userName":"toor","uid":0,"gid":100,"shell":"/bin/sh","home":"/home/toor","type":"illegal"}})"));
 
   host.utcTime = "";
   host.onCall = ThrowAt("log", 1);
   EXPECT_THROW(Send(Account("toor", 0)), HostFailure);
+  EXPECT_THAT(host.TakeCalls(), ElementsAre("time \"\"", noTimeRecord));
 }
 
 }  // namespace

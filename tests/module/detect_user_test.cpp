@@ -23,7 +23,9 @@
 
 namespace {
 
+using testing::AnyOf;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -41,6 +43,8 @@ const char* const registerCall =
 const char* const addCall = "add \"" VELTA_PASSWD_FILE "\" kind 1 switches 0001110001 id 0 with callback";
 const char* const removeCall =
     "remove \"" VELTA_PASSWD_FILE "\" kind 0 switches 0001110001 id 5 with callback";
+const char* const laterRemoveCall =
+    "remove \"" VELTA_PASSWD_FILE "\" kind 0 switches 0001110001 id 6 with callback";
 const char* const initTrueRecord =
     "log 2 0x0 1 detect_user.cpp:44 0 \"Unauthorized root user detect init result=%s\" -> "
     "Unauthorized root user detect init result=true";
@@ -71,24 +75,20 @@ class DetectUserTest : public testing::Test {
            topic->second[0].first == "unauthorized-root-user";
   }
 
-  // The watch of an earlier start is withdrawn first by every start and stop; in a process of its own the
-  // first one is empty.
+  // Every start and stop withdraws the watch of an earlier start first: of one in this test or in an earlier
+  // test of the process, or an empty rule when there was none.
+  static testing::Matcher<const std::string&> IsWithdrawalOfAnEarlierWatch() {
+    return AnyOf("remove \"\" kind 0 switches 0000000000 id 0 without callback", removeCall, laterRemoveCall);
+  }
+
   std::vector<std::string> TakeCallsButTheFirstRemove() {
     std::vector<std::string> calls = host.TakeCalls();
     EXPECT_FALSE(calls.empty());
     if (!calls.empty()) {
-      EXPECT_EQ(RecordingHost::VerbOf(calls[0]), "remove");
+      EXPECT_THAT(calls[0], IsWithdrawalOfAnEarlierWatch());
       calls.erase(calls.begin());
     }
     return calls;
-  }
-
-  std::vector<std::string> TakeVerbs() {
-    std::vector<std::string> verbs;
-    for (const std::string& entry : host.TakeCalls()) {
-      verbs.push_back(RecordingHost::VerbOf(entry));
-    }
-    return verbs;
   }
 
   // The names alerted by one run of the task, in order.
@@ -258,9 +258,7 @@ TEST_F(DetectUserTest, TwoStartsInARowLeaveExactlyOneTaskAndOneWatch) {
   EXPECT_THAT(host.TakeCalls(), ElementsAre(removeCall, "pause 7", "unregister 7", StartupEntry(rootPolicy),
                                             PolicyRecord(rootPolicy), initTrueRecord, registerCall, addCall));
   StopModule();
-  EXPECT_THAT(host.TakeCalls(),
-              ElementsAre("remove \"" VELTA_PASSWD_FILE "\" kind 0 switches 0001110001 id 6 with callback",
-                          "pause 8", "unregister 8"));
+  EXPECT_THAT(host.TakeCalls(), ElementsAre(laterRemoveCall, "pause 8", "unregister 8"));
 }
 
 TEST_F(DetectUserTest, ARestartTakesTheDetectionFromTheNewPolicyAlone) {
@@ -274,7 +272,7 @@ TEST_F(DetectUserTest, ARestartTakesTheDetectionFromTheNewPolicyAlone) {
 TEST_F(DetectUserTest, StopBeforeAnyStartOrTwiceInARowDoesNothingHarmful) {
   StopModule();
   StopModule();
-  EXPECT_THAT(TakeVerbs(), ElementsAre("remove", "remove"));
+  EXPECT_THAT(host.TakeCalls(), ElementsAre(IsWithdrawalOfAnEarlierWatch(), IsWithdrawalOfAnEarlierWatch()));
 
   ASSERT_EQ(StartModule(rootPolicy), 1);
   host.TakeCalls();
@@ -357,6 +355,136 @@ TEST_F(DetectUserTest, AnExceptionOfAServiceLeavesTheTaskAndTheNextRunAlertsAgai
   }
   EXPECT_THAT(RunTask(), ElementsAre("toor", "zoe"));
   EXPECT_THAT(RunTask(), IsEmpty());
+}
+
+TEST_F(DetectUserTest, WhatAServiceThrowsPassesThroughTheEntryPointsAndALaterStopAndStartWork) {
+  enum class Call { Start, StartWithABadPolicy, Stop };
+  struct Row {
+    Call call;
+    bool running;  // the module, before the call
+    const char* service;
+    int nth;
+    std::vector<std::string> laterStop;  // what the stop after it has left to do
+  };
+  const std::vector<std::string> wholeStop = {removeCall, "pause 7", "unregister 7"};
+  const std::vector<std::string> stopWithoutTask = {removeCall};
+  const std::vector<Row> rows = {
+      {Call::Start, true, "remove", 1, wholeStop},
+      {Call::Start, true, "pause", 1, wholeStop},
+      {Call::Start, true, "unregister", 1, wholeStop},
+      {Call::Start, true, "startup", 1, stopWithoutTask},
+      {Call::Start, true, "log", 1, stopWithoutTask},  // the policy
+      {Call::Start, true, "log", 2, stopWithoutTask},  // the detector's result
+      {Call::Start, true, "register", 1, stopWithoutTask},
+      {Call::Start, true, "add", 1, wholeStop},
+      {Call::Start, false, "remove", 1, stopWithoutTask},
+      {Call::Start, false, "startup", 1, stopWithoutTask},
+      {Call::Start, false, "log", 1, stopWithoutTask},
+      {Call::Start, false, "log", 2, stopWithoutTask},
+      {Call::Start, false, "register", 1, stopWithoutTask},
+      {Call::Start, false, "add", 1, wholeStop},
+      {Call::StartWithABadPolicy, true, "log", 2, stopWithoutTask},  // the failure
+      {Call::Stop, true, "remove", 1, wholeStop},
+      {Call::Stop, true, "pause", 1, wholeStop},
+      {Call::Stop, true, "unregister", 1, wholeStop},
+      {Call::Stop, false, "remove", 1, stopWithoutTask},
+  };
+  file.Write("toor:x:0:0::/var/toor:/bin/sh\n");
+  ASSERT_EQ(StartModule(rootPolicy), 1);  // so that a stopped module has a rule to withdraw
+  for (std::size_t index = 0; index < rows.size(); ++index) {
+    const Row& row = rows[index];
+    SCOPED_TRACE("row " + std::to_string(index) + ": " + row.service);
+    StopModule();
+    if (row.running) {
+      ASSERT_EQ(StartModule(rootPolicy), 1);
+    }
+
+    // The very object that the service threw arrives
+    const HostFailure* thrown = nullptr;
+    int left = row.nth;
+    host.onCall = [&](const std::string& entry) {
+      if (RecordingHost::VerbOf(entry) == row.service && --left == 0) {
+        try {
+          throw HostFailure("out of the service");
+        } catch (const HostFailure& failure) {
+          thrown = &failure;
+          throw;
+        }
+      }
+    };
+    bool arrived = false;
+    try {
+      switch (row.call) {
+        case Call::Start:
+          StartModule(rootPolicy);
+          break;
+        case Call::StartWithABadPolicy:
+          StartModule("no json");
+          break;
+        case Call::Stop:
+          StopModule();
+          break;
+      }
+    } catch (const HostFailure& failure) {
+      arrived = &failure == thrown;
+    }
+    EXPECT_TRUE(arrived);
+    host.onCall = nullptr;
+    const std::vector<std::string> calls = host.TakeCalls();
+    ASSERT_FALSE(calls.empty());
+    EXPECT_EQ(RecordingHost::VerbOf(calls.back()), row.service) << "nothing is called after it";
+
+    StopModule();
+    EXPECT_THAT(host.TakeCalls(), ElementsAreArray(row.laterStop));
+    EXPECT_FALSE(DetectorIsSubscribed());
+    EXPECT_EQ(StartModule(rootPolicy), 1);
+    EXPECT_THAT(host.TakeCalls(), ElementsAre(removeCall, StartupEntry(rootPolicy), PolicyRecord(rootPolicy),
+                                              initTrueRecord, registerCall, addCall));
+    UnauthorizedRootUser::DetectUnauthorizedRootUser({});
+    EXPECT_THAT(RunTask(), ElementsAre("toor"));
+  }
+}
+
+TEST_F(DetectUserTest, AStartRightAfterAnExceptionOutOfAnEntryPointWorks) {
+  struct Row {
+    const char* service;
+    bool taskLeft;
+  };
+  const Row rows[] = {{"remove", true}, {"pause", true},     {"unregister", true}, {"startup", false},
+                      {"log", false},   {"register", false}, {"add", true}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.service);
+    ASSERT_EQ(StartModule(rootPolicy), 1);
+    host.onCall = ThrowAt(row.service, 1);
+    EXPECT_THROW(StartModule(rootPolicy), HostFailure);
+    host.onCall = nullptr;
+    host.TakeCalls();
+
+    EXPECT_EQ(StartModule(rootPolicy), 1);
+
+    std::vector<std::string> wanted = {removeCall};
+    if (row.taskLeft) {
+      wanted.insert(wanted.end(), {"pause 7", "unregister 7"});
+    }
+    wanted.insert(wanted.end(), {StartupEntry(rootPolicy), PolicyRecord(rootPolicy), initTrueRecord,
+                                 registerCall, addCall});
+    EXPECT_THAT(host.TakeCalls(), ElementsAreArray(wanted));
+    EXPECT_TRUE(DetectorIsSubscribed());
+  }
+}
+
+TEST_F(DetectUserTest, WhatTheLaunchThrowsPassesThroughTheFileEventAndTheNextEventLaunches) {
+  ASSERT_EQ(StartModule(rootPolicy), 1);
+  host.TakeCalls();
+  host.onCall = ThrowAt("launch", 1);
+  EXPECT_THROW(host.FireFileEvent(VELTA_PASSWD_FILE), HostFailure);
+
+  host.FireFileEvent(VELTA_PASSWD_FILE);
+
+  EXPECT_THAT(host.TakeCalls(), ElementsAre("launch 7", "launch 7"));
+  StopModule();
+  EXPECT_THAT(host.TakeCalls(), ElementsAre(removeCall, "pause 7", "unregister 7"));
+  EXPECT_EQ(StartModule(rootPolicy), 1);
 }
 
 TEST_F(DetectUserTest, NoAlertIsLostWhenARunRunsOutOfMemory) {
