@@ -69,6 +69,9 @@ bool EventSink::OpenFile() {
   if (descriptor < 0) {
     const int cause = errno;
     Fail("cannot be opened");
+    if (cause == ENXIO) {
+      error = name + " has no reader";
+    }
     errno = cause;
     return false;
   }
@@ -151,7 +154,10 @@ EventSink::Outcome EventSink::WriteStream(const std::string& record, millisecond
       return Outcome::Blocked;
     } else {
       const Outcome outcome = Fail("cannot be written");
-      sent = 0;  // the reader that got a part is gone; the next one gets the whole record
+      // The reader that got a part is gone; the next one gets the whole record. What standard output still
+      // holds of the part stays in front of it, as the pipe is not closed here.
+      needsNewline = needsNewline || (IsStandardOutput() && sent > 0);
+      sent = 0;
       Close();
       return outcome;
     }

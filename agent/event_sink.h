@@ -47,7 +47,7 @@ class EventSink {
   std::string name;
   int descriptor = -1;
   bool regular = false;
-  bool needsNewline = false;  // the file ends in a piece of a record
+  bool needsNewline = false;  // the output ends in a piece of a record
   std::size_t sent = 0;       // of the current record, to a stream
   std::string error;
 };

@@ -236,10 +236,10 @@ void FileMonitor::StartOverLocked(Time now) {
 }
 
 milliseconds FileMonitor::CheckIntervalLocked() const {
-  if (identityInterval > milliseconds::zero()) {
+  if (!AnyPolledLocked()) {
     return identityInterval;
   }
-  return AnyPolledLocked() ? pollInterval : milliseconds::zero();
+  return identityInterval == milliseconds::zero() ? pollInterval : std::min(identityInterval, pollInterval);
 }
 
 bool FileMonitor::AnyPolledLocked() const {

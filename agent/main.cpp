@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,11 +8,13 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <utility>
 
+#include "agent/account_file.h"
 #include "agent/event_sink.h"
 #include "agent/file_monitor.h"
 #include "agent/logger.h"
@@ -26,7 +27,6 @@
 
 namespace {
 
-constexpr char accountFile[] = "/etc/passwd";
 constexpr unsigned workerCount = 1;  // one task is registered; it never runs beside itself
 constexpr std::chrono::milliseconds drainPatience{4000};
 
@@ -67,8 +67,14 @@ void OccupyStandardDescriptors(const Options& options) {
   }
 }
 
-// The signals that the control thread waits for. Blocked before any thread exists, so no other thread gets
-// them.
+// A reader that goes away and a file that reaches its size limit are errors of a write, not ends.
+void IgnoreWriteSignals() {
+  signal(SIGPIPE, SIG_IGN);
+  signal(SIGXFSZ, SIG_IGN);
+}
+
+// The signals that the control thread waits for. Blocked before any thread exists, so that no other thread
+// gets them.
 sigset_t BlockSignals() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -77,9 +83,6 @@ sigset_t BlockSignals() {
     sigaddset(&signals, number);
   }
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  // A reader that goes away and a file that reaches its size limit are errors of a write, not ends.
-  signal(SIGPIPE, SIG_IGN);
-  signal(SIGXFSZ, SIG_IGN);
   return signals;
 }
 
@@ -98,35 +101,37 @@ void Start(const LoadedModule& module, const std::string& policy, TaskScheduler&
   }
 }
 
-// What keeps the account file from being read, if anything does.
+// A single reading that cannot be made is a failure; an agent that stays waits for the file.
 void RequireAccountFile() {
-  const int descriptor = open(accountFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (descriptor < 0) {
-    throw Failure(EXIT_ACCOUNT_FILE, std::string(accountFile) + ": " + std::strerror(errno));
+  const std::string obstacle = ObstacleToReading(accountFilePath);
+  if (!obstacle.empty()) {
+    throw Failure(EXIT_ACCOUNT_FILE, obstacle);
   }
-  struct stat status;
-  const bool regular = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
-  close(descriptor);
-  if (!regular) {
-    throw Failure(EXIT_ACCOUNT_FILE, std::string(accountFile) + ": not a regular file");
+  if (access(accountFilePath, R_OK) != 0) {
+    throw Failure(EXIT_ACCOUNT_FILE, std::string(accountFilePath) + ": " + std::strerror(errno));
   }
 }
 
-// A policy that cannot be used leaves the running one in place. A bad text is not even shown to the module,
-// which would stop and leave the host unwatched.
+// A policy that cannot be used leaves the running one in place.
 void Reload(const LoadedModule& module, const Options& options, std::string& running,
             TaskScheduler& scheduler, Logger& logger) {
+  std::string policy;
   try {
-    std::string policy = ReadPolicy(options);
+    policy = ReadPolicy(options);
+  } catch (const std::exception& error) {
+    // The module is not even shown it: handed a bad text, it would stop and leave the host unwatched.
+    logger.Error(std::string(error.what()) + "; the running policy stays");
+    return;
+  }
+  try {
     Start(module, policy, scheduler);
     running = std::move(policy);
     logger.Info("policy reloaded");
-  } catch (const Failure& failure) {
-    logger.Error(std::string(failure.what()) + "; going back to the policy before");
-    Start(module, running, scheduler);
+    return;
   } catch (const std::exception& error) {
-    logger.Error(std::string(error.what()) + "; the running policy stays");
+    logger.Error(std::string("policy not taken: ") + error.what() + "; going back to the one before");
   }
+  Start(module, running, scheduler);
 }
 
 // Until a signal asks for the end.
@@ -145,28 +150,22 @@ void Watch(const sigset_t& signals, const LoadedModule& module, const Options& o
 
 int CheckPolicy(const std::string& path) {
   OrFail(EXIT_POLICY, [&] { return LoadPolicy(path); });
-  std::printf("%s: valid\n", path.c_str());
+  if (std::printf("%s: valid\n", path.c_str()) < 0 || std::fflush(stdout) != 0) {
+    throw Failure(EXIT_OUTPUT, std::string("standard output: ") + std::strerror(errno));
+  }
   return EXIT_DONE;
 }
 
-int Run(const Options& options) {
-  OccupyStandardDescriptors(options);
-  if (!options.checkPolicyPath.empty()) {
-    return CheckPolicy(options.checkPolicyPath);
-  }
-  const sigset_t signals = BlockSignals();
-  const std::string policy = OrFail(EXIT_POLICY, [&] { return ReadPolicy(options); });
-  const std::string modulePath =
-      OrFail(EXIT_MODULE, [&] { return options.modulePath.empty() ? FindModule() : options.modulePath; });
-  if (options.once) {
-    RequireAccountFile();
-  }
+// The module is stopped and everything queued is delivered whatever ends the watch.
+int RunModule(const Options& options, const std::string& policy, const std::string& modulePath) {
+  // One reading is ended by its signals at once: it leaves nothing behind.
+  const sigset_t signals = options.once ? sigset_t() : BlockSignals();
 
   // Declaration order is lifetime: read it bottom-up to see the shutdown.
   Logger logger(options.logLevel);
   EventSink sink = OrFail(EXIT_OUTPUT, [&] { return EventSink(options.outputPath); });
-  SendQueue queue(sink, logger, options.eventsPerMinute);
-  TaskScheduler scheduler(workerCount, logger);
+  SendQueue queue(sink, logger, options.once ? 0 : options.eventsPerMinute);
+  TaskScheduler scheduler(workerCount, logger, [] { return ObstacleToReading(accountFilePath); });
   FileMonitor monitor(logger, options.identityInterval);
   InstalledServices services(logger, queue, scheduler, monitor);  // the functions of host/ land here
   // Last: unloaded while everything that it calls still stands.
@@ -175,23 +174,47 @@ int Run(const Options& options) {
   if (!module.Init()) {
     throw Failure(EXIT_MODULE, "module " + modulePath + ": InitModule failed");
   }
-  Start(module, policy, scheduler);
   bool completed = true;
-  if (options.once) {
-    completed = scheduler.WaitUntilIdle();
-  } else {
-    logger.Info("watching /etc/passwd; alerts go to " + sink.Name());
-    Watch(signals, module, options, policy, scheduler, logger);
+  std::exception_ptr failure;
+  try {
+    Start(module, policy, scheduler);
+    if (options.once) {
+      completed = scheduler.WaitUntilIdle();
+    } else {
+      logger.Info("watching /etc/passwd; alerts go to " + sink.Name());
+      Watch(signals, module, options, policy, scheduler, logger);
+    }
+  } catch (...) {
+    failure = std::current_exception();
   }
   module.Stop();
   module.Deinit();
-  if (!queue.Drain(drainPatience)) {
+  const bool delivered = options.once ? queue.Drain(std::nullopt) : queue.Drain(drainPatience);
+  if (failure) {
+    std::rethrow_exception(failure);
+  }
+  if (!delivered) {
     return EXIT_OUTPUT;
   }
   if (!completed) {
     return EXIT_SYSTEM;
   }
   return options.once && queue.Accepted() > 0 ? EXIT_ALERTS : EXIT_DONE;
+}
+
+int Run(const Options& options) {
+  if (!options.checkPolicyPath.empty()) {
+    return CheckPolicy(options.checkPolicyPath);
+  }
+  OccupyStandardDescriptors(options);
+  IgnoreWriteSignals();
+  const std::string policy = OrFail(EXIT_POLICY, [&] { return ReadPolicy(options); });
+  const std::string modulePath =
+      OrFail(EXIT_MODULE, [&] { return options.modulePath.empty() ? FindModule() : options.modulePath; });
+  if (options.once) {
+    RequireAccountFile();
+  }
+  return RunModule(options, policy, modulePath);
 }
 
 }  // namespace

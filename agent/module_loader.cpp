@@ -14,10 +14,11 @@ namespace {
 
 constexpr char moduleName[] = "libvelta_detect-user.so";
 
-// What dlopen or dlsym last complained of.
-std::string LoaderError() {
+// What dlopen last complained of, without the name of the file that it was given: ours stands in front.
+std::string LoaderError(const std::string& path) {
   const char* const error = dlerror();
-  return error != nullptr ? error : "unknown error";
+  const std::string text = error != nullptr ? error : "unknown error";
+  return text.rfind(path + ": ", 0) == 0 ? text.substr(path.size() + 2) : text;
 }
 
 // A name without a slash would be looked for in the library path and not in this folder.
@@ -32,7 +33,7 @@ LoadedModule::LoadedModule(const std::string& path) : file(path) {
   // Everything is resolved now: a service that is missing fails here, by name, and not at the first alert.
   library = dlopen(WithSlash(file).c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) {
-    throw std::runtime_error("module " + file + ": " + LoaderError());
+    throw std::runtime_error("module " + file + ": " + LoaderError(WithSlash(file)));
   }
   struct Unload {
     void operator()(void* handle) const { dlclose(handle); }

@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -38,6 +40,16 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   const auto refuseEmpty = [](const std::string& text) {
     return text.empty() ? std::string("the value is empty") : std::string();
   };
+  // Decimal digits alone: the library would take 010 for eight, and its own message names no range.
+  const auto numberUpTo = [](std::uint64_t highest) {
+    return [highest](const std::string& text) {
+      const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+      const bool plain = digits && text.size() < 12 && (text[0] != '0' || text.size() == 1);
+      return plain && std::stoull(text) <= highest
+                 ? std::string()
+                 : "'" + text + "' is not a number from 0 to " + std::to_string(highest);
+    };
+  };
   const auto value = [&](CLI::Option* option, const char* name) {
     option->check(refuseEmpty)->option_text(name)->take_last();
   };
@@ -49,16 +61,17 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   value(app.add_option("--output", options.outputPath, "where alerts go: a file, or - for standard output"),
         "FILE|-");
   value(app.add_option("--limit", options.eventsPerMinute,
-                       "alerts a minute, the others wait; 0 for no limit (60)"),
+                       "alerts a minute, the others wait; 0 for no limit (60)")
+            ->check(numberUpTo(std::numeric_limits<unsigned>::max())),
         "N");
   value(app.add_option("--check-interval", identityMs,
                        "how often a stat looks for what no event tells; 0 for never (1000)")
-            ->check(CLI::Range(0LL, 3600000LL)),
+            ->check(numberUpTo(3600000)),
         "MS");
   value(app.add_option("--log-level", logLevel, "debug, info, warning, error or off (info)")
             ->check(CLI::IsMember(logLevelNames)),
         "LEVEL");
-  app.add_flag("--once", options.once, "read once, write the alerts, end");
+  app.add_flag("--once", options.once, "read once, write the alerts, end")->disable_flag_override();
   value(
       app.add_option("--check-policy", options.checkPolicyPath, "say whether the file is a policy, and end"),
       "FILE");

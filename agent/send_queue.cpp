@@ -14,6 +14,7 @@ namespace {
 // How long one attempt waits for a slow reader: also how long a stop may have to wait for it.
 constexpr milliseconds sinkPatience{200};
 constexpr milliseconds retryInterval{1000};
+constexpr milliseconds drainRetryInterval{100};  // an end has little time
 
 MinuteLimit::Time Now() { return MinuteLimit::Time::clock::now(); }
 
@@ -57,20 +58,27 @@ std::size_t SendQueue::Accepted() const {
   return accepted;
 }
 
-bool SendQueue::Drain(milliseconds patience) {
+bool SendQueue::Drain(std::optional<milliseconds> patience) {
   std::unique_lock<std::mutex> lock(mutex);
   draining = true;
+  outputFailed = false;
   changed.notify_all();
-  delivered.wait_for(lock, patience, [this] { return events.empty(); });
-  draining = false;
-  if (!events.empty()) {
-    logger.Error("send queue: " + std::to_string(events.size()) + " events could not be delivered to " +
-                 sink.Name());
-    for (const std::string& event : events) {
-      logger.Error("send queue: not delivered: " + event);
-    }
+  const auto isOver = [this, &patience] { return events.empty() || (outputFailed && !patience); };
+  if (patience) {
+    delivered.wait_for(lock, *patience, isOver);
+  } else {
+    delivered.wait(lock, isOver);
   }
-  return events.empty();
+  draining = false;
+  if (events.empty()) {
+    return true;
+  }
+  logger.Error("send queue: " + std::to_string(events.size()) + " events could not be delivered to " +
+               sink.Name());
+  for (const std::string& event : events) {
+    logger.Error("send queue: not delivered: " + event);
+  }
+  return false;
 }
 
 void SendQueue::Deliver() {
@@ -80,22 +88,31 @@ void SendQueue::Deliver() {
       changed.wait(lock);
       continue;
     }
-    const MinuteLimit::Time now = Now();
-    const MinuteLimit::Time admission = draining ? now : limit.NextAdmission(now);
-    if (admission <= now) {
-      DeliverNextLocked(lock);
-      continue;
+    try {
+      DeliverDueLocked(lock);
+    } catch (const std::bad_alloc&) {  // the event is still in the queue
+      if (!lock.owns_lock()) {
+        lock.lock();
+      }
+      changed.wait_for(lock, retryInterval);
     }
-    if (!deferring) {
-      deferring = true;
-      const std::size_t waiting = events.size();
-      lock.unlock();
-      logger.Warning("send queue: the limit of events a minute is reached; " + std::to_string(waiting) +
-                     " or more wait for the next minute");
-      lock.lock();
-      continue;
-    }
+  }
+}
+
+void SendQueue::DeliverDueLocked(std::unique_lock<std::mutex>& lock) {
+  const MinuteLimit::Time now = Now();
+  const MinuteLimit::Time admission = draining ? now : limit.NextAdmission(now);
+  if (admission <= now) {
+    DeliverNextLocked(lock);
+  } else if (deferring) {
     changed.wait_until(lock, admission);
+  } else {
+    deferring = true;
+    const std::size_t waiting = events.size();
+    lock.unlock();
+    logger.Warning("send queue: the limit of events a minute is reached; " + std::to_string(waiting) +
+                   " or more wait for the next minute");
+    lock.lock();
   }
 }
 
@@ -108,18 +125,22 @@ void SendQueue::DeliverNextLocked(std::unique_lock<std::mutex>& lock) {
     limit.Count(Now());
     bytes -= event.size();
     events.pop_front();
-    if (events.empty()) {
-      deferring = false;
-      delivered.notify_all();
-    }
+    deferring = deferring && !events.empty();
+  }
+  outputFailed = outcome == EventSink::Outcome::Failed;
+  if (events.empty() || outputFailed) {
+    delivered.notify_all();
   }
   const std::size_t waiting = events.size();
-  const std::size_t lost = outcome == EventSink::Outcome::Delivered ? std::exchange(refused, 0) : 0;
+  const std::size_t lost = refused;
   lock.unlock();
   NoteOutcome(outcome, waiting, lost);
   lock.lock();
-  if (outcome == EventSink::Outcome::Failed && !stopping) {
-    changed.wait_for(lock, retryInterval);
+  if (outcome == EventSink::Outcome::Delivered) {
+    refused -= lost;
+  }
+  if (outputFailed && !stopping) {
+    changed.wait_for(lock, draining ? drainRetryInterval : retryInterval);
   }
 }
 
@@ -136,7 +157,7 @@ void SendQueue::NoteOutcome(EventSink::Outcome outcome, std::size_t waiting, std
     logger.Info("send queue: " + sink.Name() + " takes events again; " + std::to_string(waiting) +
                 " are still waiting");
   }
-  if (lost > 0) {
+  if (!failed && lost > 0) {
     logger.Error("send queue: " + std::to_string(lost) + " events were lost: the queue was full");
   }
   failing = failed;

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -39,13 +40,15 @@ class SendQueue {
   // How many events were taken so far.
   std::size_t Accepted() const;
 
-  // Delivers what waits, without regard to the limit, but gives up after patience. True when nothing is left;
-  // what is left is logged.
-  bool Drain(std::chrono::milliseconds patience);
+  // Delivers what waits, without regard to the limit. Gives up after patience, if there is one; otherwise as
+  // soon as the output fails, while a slow reader is waited for. True when nothing is left; what is left is
+  // logged.
+  bool Drain(std::optional<std::chrono::milliseconds> patience);
 
  private:
   bool AppendLocked(const std::string& event);  // false when memory is short
   void Deliver();
+  void DeliverDueLocked(std::unique_lock<std::mutex>& lock);
   void DeliverNextLocked(std::unique_lock<std::mutex>& lock);
   void NoteOutcome(EventSink::Outcome outcome, std::size_t waiting, std::size_t lost);
 
@@ -62,6 +65,8 @@ class SendQueue {
   MinuteLimit limit;
   bool draining = false;
   bool stopping = false;
+
+  bool outputFailed = false;  // at the last attempt, and not for want of a reader's haste
 
   bool failing = false;    // the delivering thread's own
   bool deferring = false;  // the same

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <exception>
 #include <new>
+#include <utility>
 
 #include "agent/logger.h"
 #include "agent/services.h"
@@ -42,7 +43,8 @@ bool Run(const TaskTable::Task& task, Logger& logger) {
 
 }  // namespace
 
-TaskScheduler::TaskScheduler(unsigned workerCount, Logger& schedulerLogger) : logger(schedulerLogger) {
+TaskScheduler::TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Obstacle obstacleToRuns)
+    : logger(schedulerLogger), obstacle(std::move(obstacleToRuns)) {
   try {
     for (unsigned i = 0; i < workerCount; ++i) {
       workers.emplace_back([this] { Work(); });
@@ -139,12 +141,34 @@ void TaskScheduler::RunLocked(std::unique_lock<std::mutex>& lock, unsigned id) {
   const TaskTable::Time began = Now();
   lock.unlock();
   currentRun = {this, id};
-  const bool succeeded = Run(task, logger);
+  const bool succeeded = MayRun() && Run(task, logger);
   currentRun = {nullptr, 0};
   lock.lock();
   anyFailed = anyFailed || !succeeded;
   table.End(id, succeeded, began, Now());
   ended.notify_all();
+}
+
+// Never throws: it runs at the top of a worker, and memory may be short; then nothing runs for now.
+bool TaskScheduler::MayRun() {
+  if (!obstacle) {
+    return true;
+  }
+  try {
+    std::lock_guard<std::mutex> lock(obstacleMutex);
+    std::string reason = obstacle();
+    if (reason != toldObstacle) {
+      if (reason.empty()) {
+        logger.Info("tasks run again");
+      } else {
+        logger.Error("tasks wait: " + reason);
+      }
+      toldObstacle = reason;
+    }
+    return reason.empty();
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 unsigned UtilsRegisterTask(utils::thread::TASKTYPE type, utils::thread::TASK_CONDITION condition,

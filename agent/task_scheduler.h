@@ -3,6 +3,7 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -16,13 +17,19 @@ class Logger;
 // Runs registered tasks on worker threads of its own, by their timing and whenever they are launched; see
 // TaskTable for what is promised of launches and failures.
 //
+// Before each run the obstacle function is asked; while it gives a reason, runs count as failed ones and are
+// tried again as those are. Each new reason is logged once.
+//
 // An exception that leaves a task ends at the worker: it is logged with the task's name, and the task stays.
 //
 // Thread use: everything from any thread, tasks included. Construction throws std::system_error when no
 // thread is to be had. Destruction waits for running tasks.
 class TaskScheduler {
  public:
-  TaskScheduler(unsigned workerCount, Logger& schedulerLogger);
+  // Why no task may run now, or an empty text. Called on the workers, one at a time.
+  using Obstacle = std::function<std::string()>;
+
+  TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Obstacle obstacleToRuns = nullptr);
   ~TaskScheduler();
   TaskScheduler(const TaskScheduler&) = delete;
   TaskScheduler& operator=(const TaskScheduler&) = delete;
@@ -37,7 +44,8 @@ class TaskScheduler {
   void PauseAndWait(unsigned id);
   void Unregister(unsigned id);
 
-  // Waits until nothing runs and nothing is due. True when no run since construction has failed.
+  // Waits until nothing runs and nothing is due. True when no run since construction has failed or was kept
+  // from beginning.
   bool WaitUntilIdle();
 
  private:
@@ -45,7 +53,12 @@ class TaskScheduler {
   void RunLocked(std::unique_lock<std::mutex>& lock, unsigned id);  // lets go of the lock while the task runs
   void StopWorkers();
 
+  bool MayRun();
+
   Logger& logger;
+  const Obstacle obstacle;
+  std::mutex obstacleMutex;  // guards toldObstacle; makes calls of obstacle exclusive
+  std::string toldObstacle;
   std::mutex mutex;  // guards everything below it but the threads
   std::condition_variable changed;
   std::condition_variable ended;

@@ -328,7 +328,7 @@ TEST_F(EventSinkTest, AFifoWithoutAReaderIsAFailureUntilOneComes) {
   folder.MakeFifo("events");
   EventSink sink(path);
   EXPECT_EQ(Write(sink, "one"), "failed");
-  EXPECT_EQ(sink.Error(), path + " cannot be opened: No such device or address");
+  EXPECT_EQ(sink.Error(), path + " has no reader");
 
   LineReader reader(path);
   EXPECT_EQ(Write(sink, "one"), "delivered");
@@ -461,6 +461,30 @@ TEST_F(StandardOutputTest, WithoutAReaderIsAFailureEachTime) {
   }
   EXPECT_THAT(outcomes, ElementsAre("failed", "failed"));
   EXPECT_EQ(error, "standard output cannot be written: Broken pipe");
+}
+
+TEST_F(StandardOutputTest, WithAnotherReaderAfterHalfARecordGetsTheRecordOnALineOfItsOwn) {
+  folder.MakeFifo("events");
+  LineReader first(path);
+  const int fifo = open(path.c_str(), O_WRONLY);
+  std::vector<std::string> outcomes;
+  std::vector<std::string> lines;
+  {
+    const StandardOutput redirected(fifo);
+    EventSink sink("-");
+    outcomes.push_back(Write(sink, longEvent, brief));
+    first.Close();
+    outcomes.push_back(Write(sink, longEvent, brief));
+    LineReader another(path);  // finds in the pipe what nobody has read
+    std::future<std::vector<std::string>> read =
+        std::async(std::launch::async, [&] { return another.Next(3, generous); });
+    outcomes.push_back(Write(sink, longEvent));
+    outcomes.push_back(Write(sink, "next"));
+    lines = read.get();
+  }
+  close(fifo);
+  EXPECT_THAT(outcomes, ElementsAre("blocked", "failed", "delivered", "delivered"));
+  EXPECT_THAT(lines, ElementsAre(longEvent.substr(0, lines[0].size()), longEvent, "next"));
 }
 
 TEST_F(StandardOutputTest, AsAFileIsWrittenWhereItStands) {

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -219,6 +220,26 @@ TEST_F(SendQueueTest, ADrainOfAStuckReaderGivesUpAndNamesWhatIsLeft) {
                   "error send queue: not delivered: toor", "error send queue: not delivered: alice"));
 }
 
+TEST_F(SendQueueTest, ADrainWithoutPatienceWaitsForASlowReader) {
+  folder.MakeFifo("events");
+  LineReader reader(path);
+  Open(noLimit);
+  const std::vector<std::string> events = Events(3, 1024 * 1024);
+  Push(events);
+  EXPECT_EQ(log.Next(),
+            "warning send queue: " + path + " is not being read; events are kept and tried again");
+  std::thread slow([&] { EXPECT_THAT(reader.Next(3, generous), ElementsAreArray(events)); });
+  EXPECT_TRUE(queue->Drain(std::nullopt));
+  slow.join();
+}
+
+TEST_F(SendQueueTest, ADrainWithoutPatienceGivesUpOnAnOutputThatFails) {
+  Open("/dev/full", noLimit);
+  Push({"toor"});
+  EXPECT_FALSE(queue->Drain(std::nullopt));
+  EXPECT_THAT(RestOfLog(), testing::Contains("error send queue: not delivered: toor"));
+}
+
 TEST_F(SendQueueTest, APushDoesNotWaitForAStuckReader) {
   folder.MakeFifo("events");
   LineReader reader(path);
@@ -293,8 +314,7 @@ TEST_F(SendQueueTest, AQueueThatIsFullRefusesCountsAndTells) {
   Push({"x"});
   Push({"y"});
   EXPECT_EQ(queue->Accepted(), 4U);
-  EXPECT_EQ(log.Next(), "warning send queue: " + path +
-                            " cannot be opened: No such device or address; events are kept and tried again");
+  EXPECT_EQ(log.Next(), "warning send queue: " + path + " has no reader; events are kept and tried again");
 
   std::filesystem::remove(path);  // a file takes its place, which has room for everything
   EXPECT_TRUE(queue->Drain(generous));

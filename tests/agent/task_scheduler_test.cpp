@@ -336,6 +336,36 @@ TEST_F(TaskSchedulerTest, AnExceptionIsLoggedWithTheNameOfTheTaskWhichGoesOn) {
   EXPECT_EQ(runs.Count(), 3);
 }
 
+TEST_F(TaskSchedulerTest, NoTaskBeginsWhileThereIsAnObstacleAndTheLogSaysSoOnce) {
+  std::atomic<bool> blocked{true};
+  Tally questions;
+  Tally runs;
+  Job job = {[&] { runs.Add(); }};
+  const auto obstacle = [&] {
+    questions.Add();
+    return std::string(blocked ? "the road is closed" : "");
+  };
+  scheduler = std::make_unique<TaskScheduler>(1, logger, obstacle);
+  const unsigned id = Register(job);
+
+  scheduler->Launch(id);
+  ASSERT_TRUE(questions.Reaches(1));
+  scheduler->Launch(id);
+  ASSERT_TRUE(questions.Reaches(2));
+  EXPECT_FALSE(scheduler->WaitUntilIdle()) << "a run that was kept from beginning is a failed one";
+  EXPECT_EQ(runs.Count(), 0);
+
+  blocked = false;  // nobody launches it: the retry of a failed task finds the way free
+  ASSERT_TRUE(runs.Reaches(1));
+
+  const std::string log = written.Text();
+  const std::size_t told = log.find("tasks wait: the road is closed");
+  EXPECT_NE(told, std::string::npos) << log;
+  EXPECT_EQ(log.find("tasks wait", told + 1), std::string::npos) << log;
+  EXPECT_THAT(log, HasSubstr("tasks run again"));
+  scheduler.reset();  // before what its task uses
+}
+
 TEST_F(TaskSchedulerTest, AFailedTaskIsTriedAgainWithoutALaunch) {
   Tally runs;
   Job job = {[&] {

@@ -410,6 +410,24 @@ TEST_F(AgentTest, AnAccountThatWentAndComesBackIsReportedAgain) {
   ExpectOrderlyEnd(*agent);
 }
 
+// A FIFO would hold the reading, and with it the end of the agent, for ever; a folder would read as an empty
+// file, after which every accepted account is new again.
+TEST_F(AgentTest, WhatIsNoFileIsNotReadAndTheFileThatComesBackIs) {
+  const auto agent = Watching(Plain());
+  ASSERT_NO_FATAL_FAILURE(Do("echo " + Line("before") + " >>passwd"));
+  EXPECT_EQ(agent->NextAlert(), Alert("before"));
+  for (const char* const obstacle : {"mkfifo obstacle", "mkdir obstacle"}) {
+    ASSERT_NO_FATAL_FAILURE(Do("mv passwd kept && " + std::string(obstacle) + " && mv -T obstacle passwd"));
+    EXPECT_THAT(agent->LogUntil("is not a regular file"), HasSubstr("/etc/passwd is not a regular file"));
+    ASSERT_NO_FATAL_FAILURE(Do("rm -r passwd && mv kept passwd"));
+    EXPECT_THAT(agent->LogUntil("tasks run again"), HasSubstr("tasks run again"));
+  }
+  ExpectSilence(*agent);
+  ASSERT_NO_FATAL_FAILURE(Do("mkfifo obstacle && mv obstacle passwd"));
+  EXPECT_THAT(agent->LogUntil("is not a regular file"), HasSubstr("/etc/passwd is not a regular file"));
+  ExpectOrderlyEnd(*agent);
+}
+
 TEST_F(AgentTest, AFileBehindALinkIsFollowed) {
   const auto agent = Watching({"--check-interval", "0"});
   ASSERT_NO_FATAL_FAILURE(Do("mkdir behind && cp -p passwd behind && ln -sf behind/passwd passwd"));
@@ -642,15 +660,15 @@ TEST_F(AgentTest, OnceWithoutAnAccountFileEndsWithSeven) {
     std::string command;
     std::string reason;
   };
-  const std::vector<Row> rows = {{"rm passwd", "No such file or directory"},
-                                 {"mkfifo passwd", "not a regular file"},
-                                 {"rm passwd && mkdir passwd", "not a regular file"},
-                                 {"rmdir passwd && ln -s nowhere passwd", "No such file or directory"}};
+  const std::vector<Row> rows = {{"rm passwd", ": No such file or directory"},
+                                 {"mkfifo passwd", " is not a regular file"},
+                                 {"rm passwd && mkdir passwd", " is not a regular file"},
+                                 {"rmdir passwd && ln -s nowhere passwd", ": No such file or directory"}};
   for (const Row& row : rows) {
     ASSERT_NO_FATAL_FAILURE(Do(row.command));
     const Outcome outcome = RunToTheEnd({"--once"});
     EXPECT_EQ(outcome.exitCode, 7) << row.command;
-    EXPECT_EQ(outcome.errors, "velta-agent: /etc/passwd: " + row.reason + "\n");
+    EXPECT_EQ(outcome.errors, "velta-agent: /etc/passwd" + row.reason + "\n");
     EXPECT_EQ(outcome.output, "");
   }
 }

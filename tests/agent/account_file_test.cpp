@@ -1,0 +1,47 @@
+#include "agent/account_file.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/agent/test_folder.h"
+
+namespace {
+
+class AccountFileTest : public testing::Test {
+ protected:
+  TestFolder folder;
+  const std::string path = folder.File("passwd");
+};
+
+TEST_F(AccountFileTest, TheFileIsTheOneThatTheModuleReads) { EXPECT_STREQ(accountFilePath, "/etc/passwd"); }
+
+TEST_F(AccountFileTest, AnOrdinaryFileMayBeRead) {
+  WriteFile(path, "root:x:0:0::/:/bin/sh\n");
+  EXPECT_EQ(ObstacleToReading(path), "");
+  ASSERT_EQ(symlink(path.c_str(), folder.File("link").c_str()), 0);
+  EXPECT_EQ(ObstacleToReading(folder.File("link")), "");
+}
+
+TEST_F(AccountFileTest, AMissingFileIsLeftToTheModuleToReport) { EXPECT_EQ(ObstacleToReading(path), ""); }
+
+TEST_F(AccountFileTest, WhatIsNoFileIsAnObstacle) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(ObstacleToReading(path), path + " is not a regular file");
+  EXPECT_EQ(ObstacleToReading(folder.Path()), folder.Path() + " is not a regular file");
+  EXPECT_EQ(ObstacleToReading("/dev/zero"), "/dev/zero is not a regular file");
+}
+
+TEST_F(AccountFileTest, AFileBeyondTheLimitIsAnObstacle) {
+  constexpr off_t limit = 256 << 20;
+  WriteFile(path, "");
+  ASSERT_EQ(truncate(path.c_str(), limit), 0);
+  EXPECT_EQ(ObstacleToReading(path), "");
+  ASSERT_EQ(truncate(path.c_str(), limit + 1), 0);
+  EXPECT_EQ(ObstacleToReading(path), path + " is larger than 256 MiB");
+}
+
+}  // namespace
