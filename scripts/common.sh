@@ -3,13 +3,16 @@
 
 say() { printf '\n== %s\n' "$*" >&2; }
 
+# Its own exit code: the agent, the demo and the test runner have theirs.
+setup_failed=9
 fail() {
   printf '%s: %s\n' "${0##*/}" "$*" >&2
-  exit 1
+  exit $setup_failed
 }
 
-build_packages=(g++ cmake ninja-build nlohmann-json3-dev libcli11-dev libspdlog-dev libfmt-dev)
-test_packages=(googletest clang clang-format clang-tidy adduser passwd)
+PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin # a plain su leaves them out
+
+build_packages=(g++ cmake ninja-build nlohmann-json3-dev libcli11-dev libspdlog-dev libfmt-dev passwd mount)
 
 # install_packages NAME...: installs those that are missing, without a question.
 install_packages() {
@@ -30,6 +33,6 @@ build() {
   local preset=$1
   shift
   say "Building: $preset"
-  cmake --preset "$preset" >&2
-  cmake --build --preset "$preset" ${1:+--target "$@"} >&2
+  cmake --preset "$preset" >&2 || fail "cannot configure $preset"
+  cmake --build --preset "$preset" ${1:+--target "$@"} >&2 || fail "cannot build $preset"
 }
