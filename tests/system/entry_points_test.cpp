@@ -11,6 +11,10 @@
 #include "tests/support/recording_host.h"
 #include "tests/system/shipped_module.h"
 
+// An agent may well have a function of this name. What the module calls by it is its own.
+extern "C" void StopModule();
+extern "C" void StopModule() { ADD_FAILURE() << "the module called a function of the agent's"; }
+
 namespace {
 
 using testing::Each;

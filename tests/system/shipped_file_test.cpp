@@ -82,7 +82,8 @@ TEST(ShippedFile, OffersTheFourFunctionsAndNothingElse) {
   const ElfFile module(ModulePath());
   std::vector<std::string> offered;
   for (const ElfFile::Symbol& symbol : module.DynamicSymbols()) {
-    if (symbol.defined && symbol.binding != STB_LOCAL) {  // a section counts as a local symbol on some targets
+    if (symbol.defined &&
+        symbol.binding != STB_LOCAL) {  // a section counts as a local symbol on some targets
       offered.push_back(symbol.name);
     }
   }
