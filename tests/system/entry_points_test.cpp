@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -180,6 +181,20 @@ TEST_F(EntryPoints, TheTimingRecordHasItsFieldsAtTheirOffsetsAndIsZeroElsewhere)
   EXPECT_THAT(Part(record, 16, 32), Each(0));
   EXPECT_EQ(record[48], 1);
   EXPECT_THAT(Part(record, 49, 7), Each(0));
+}
+
+// Spelled out byte by byte: reading the numbers back as numbers would agree with any order.
+TEST_F(EntryPoints, TheTimesStandInTheByteOrderOfTheTarget) {
+  std::vector<unsigned char> first = {0, 0, 0,    0,
+                                      0, 0, 0x27, 0x10};  // 10,000, the most significant byte first
+  std::vector<unsigned char> second = {0, 0, 0, 0, 0, 0x04, 0x93, 0xe0};  // 300,000
+#if __BYTE_ORDER__ != __ORDER_BIG_ENDIAN__
+  std::reverse(first.begin(), first.end());
+  std::reverse(second.begin(), second.end());
+#endif
+  ASSERT_EQ(module.startModule(withoutDetection.c_str()), 1);
+  EXPECT_EQ(Part(host.task.condition, 0, 8), first);
+  EXPECT_EQ(Part(host.task.condition, 8, 8), second);
 }
 
 TEST_F(EntryPoints, TheRuleHasItsFieldsAtTheirOffsetsAndZeroPadding) {
