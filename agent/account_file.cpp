@@ -1,27 +1,28 @@
 #include "agent/account_file.h"
 
-#include <sys/stat.h>
+#include <cstdint>
+#include <optional>
 
-#include <cerrno>
+#include "agent/file_status.h"
 
 const char accountFilePath[] = "/etc/passwd";
 
 namespace {
 
 // Far above any account file, and what a reading of it can need is still bounded.
-constexpr off_t largestMiB = 256;
+constexpr std::uint64_t largestMiB = 256;
 
 }  // namespace
 
 std::string ObstacleToReading(const std::string& path) {
-  struct stat status;
-  if (stat(path.c_str(), &status) != 0) {
-    return errno == EOVERFLOW ? path + " is too large" : "";
+  const std::optional<FileStatus> status = FileStatus::OfPath(path);
+  if (!status) {
+    return "";
   }
-  if (!S_ISREG(status.st_mode)) {
+  if (!status->regular) {
     return path + " is not a regular file";
   }
-  if (status.st_size > largestMiB << 20) {
+  if (status->size > largestMiB << 20) {
     return path + " is larger than " + std::to_string(largestMiB) + " MiB";
   }
   return "";

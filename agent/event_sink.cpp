@@ -2,14 +2,17 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
+
+#include "agent/file_status.h"
 
 using std::chrono::milliseconds;
 
@@ -18,18 +21,17 @@ namespace {
 constexpr mode_t outputMode = 0640;
 
 bool IsRegular(int descriptor) {
-  struct stat status;
-  return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+  const std::optional<FileStatus> status = FileStatus::OfDescriptor(descriptor);
+  return status && status->regular;
 }
 
 bool EndsInPieceOfRecord(int descriptor) {
+  const std::optional<FileStatus> status = FileStatus::OfDescriptor(descriptor);
   char last = '\n';
-  struct stat status;
-  if (fstat(descriptor, &status) == 0 && status.st_size > 0 &&
-      pread(descriptor, &last, 1, status.st_size - 1) != 1) {
-    return false;  // not open for reading: standard output sent to a file
-  }
-  return last != '\n';
+  // Fails when the file is not open for reading: standard output that was sent to one.
+  const bool known =
+      status && status->size > 0 && pread(descriptor, &last, 1, static_cast<off_t>(status->size) - 1) == 1;
+  return known && last != '\n';
 }
 
 // Where the next write to a file begins.
@@ -62,8 +64,8 @@ void EventSink::Close() {
 bool EventSink::OpenFile() {
   // Readable as well, to see whether the last record is whole; a FIFO must not be, or it would never tell
   // that its reader has gone. Without blocking: opening a FIFO would otherwise wait for a reader.
-  struct stat status;
-  const bool plain = stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
+  const std::optional<FileStatus> status = FileStatus::OfPath(path);
+  const bool plain = !status || status->regular;
   const int access = plain ? O_RDWR | O_CREAT | O_APPEND : O_WRONLY | O_APPEND;
   descriptor = open(path.c_str(), access | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, outputMode);
   if (descriptor < 0) {
@@ -82,10 +84,9 @@ bool EventSink::OpenFile() {
 }
 
 bool EventSink::FileWasReplaced() const {
-  struct stat opened;
-  struct stat current;
-  return fstat(descriptor, &opened) != 0 || stat(path.c_str(), &current) != 0 ||
-         opened.st_dev != current.st_dev || opened.st_ino != current.st_ino;
+  const std::optional<FileStatus> opened = FileStatus::OfDescriptor(descriptor);
+  const std::optional<FileStatus> current = FileStatus::OfPath(path);
+  return !opened || !current || !opened->IsSameFile(*current);
 }
 
 EventSink::Outcome EventSink::Fail(const char* operation) {
@@ -124,8 +125,8 @@ EventSink::Outcome EventSink::WriteRegular(const std::string& record) {
   if (written < 0) {
     return Fail("cannot be written");
   }
-  struct stat status;
-  const bool ours = start >= 0 && fstat(descriptor, &status) == 0 && status.st_size == start + written;
+  const std::optional<FileStatus> status = FileStatus::OfDescriptor(descriptor);
+  const bool ours = start >= 0 && status && status->size == static_cast<std::uint64_t>(start + written);
   if (ours && ftruncate(descriptor, start) == 0) {
     lseek(descriptor, start, SEEK_SET);
   } else {

@@ -75,30 +75,7 @@ void LogFailure(Logger& logger, const std::string& path, const char* reason) {
   }
 }
 
-bool operator==(const timespec& one, const timespec& other) {
-  return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
-}
-
 }  // namespace
-
-FileMonitor::Identity FileMonitor::Identity::Of(const std::string& path) {
-  struct stat status;
-  Identity identity;
-  if (stat(path.c_str(), &status) == 0) {
-    identity.exists = true;
-    identity.device = status.st_dev;
-    identity.inode = status.st_ino;
-    identity.size = status.st_size;
-    identity.modified = status.st_mtim;
-    identity.changed = status.st_ctim;
-  }
-  return identity;
-}
-
-bool FileMonitor::Identity::operator==(const Identity& other) const {
-  return exists == other.exists && device == other.device && inode == other.inode && size == other.size &&
-         modified == other.modified && changed == other.changed;
-}
 
 FileMonitor::FileMonitor(Logger& monitorLogger, milliseconds checkInterval)
     : logger(monitorLogger), identityInterval(checkInterval) {
@@ -157,7 +134,7 @@ unsigned FileMonitor::Add(const FileWatchRule& rule) {
           place);  // or it would hold the callback for ever: the caller has no handle to withdraw it by
       throw;
     }
-    place->second.identity = Identity::Of(rule.path);
+    place->second.status = FileStatus::OfPath(rule.path);
   }
   Wake();  // the thread may be waiting without a time to wake at
   return id;
@@ -334,9 +311,9 @@ void FileMonitor::CheckIdentitiesLocked(Time now) {
   }
   nextCheck = now + interval;
   for (auto& [id, rule] : rules) {
-    const Identity identity = Identity::Of(rule.path);
-    if (!(identity == rule.identity)) {
-      rule.identity = identity;
+    const std::optional<FileStatus> status = FileStatus::OfPath(rule.path);
+    if (!(status == rule.status)) {
+      rule.status = status;
       AttachLocked(id, rule);
       rule.settling.Add(Report::Settled, now);
     }
@@ -367,6 +344,9 @@ void FileMonitor::AttachLocked(unsigned id, Rule& rule) {
   }
   TakeUsesLocked(std::move(fresh));
   rule.polled = refusal != 0;
+  if (rule.polled) {
+    nextCheck = std::min(nextCheck, Time::clock::now() + CheckIntervalLocked());  // it may have been far off
+  }
   if (rule.polled && !pollingSaid) {
     pollingSaid = true;
     nextRetry = Time::clock::now() + inotifyRetryInterval;
@@ -413,7 +393,7 @@ bool FileMonitor::ReportNextLocked(std::unique_lock<std::mutex>& lock, Time now)
   const std::string path = rule.path;
   const unsigned id = found->first;
   rule.settling.Clear();
-  rule.identity = Identity::Of(path);  // before the callback: what changes after this will be seen
+  rule.status = FileStatus::OfPath(path);  // before the callback: what changes after this will be seen
   reporting = id;
   lock.unlock();
   bool through = false;

@@ -2,7 +2,6 @@
 #define VELTA_AGENT_FILE_MONITOR_H
 
 #include <poll.h>
-#include <sys/stat.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "agent/file_event.h"
+#include "agent/file_status.h"
 #include "agent/inotify.h"
 #include "host/file_monitor.h"
 
@@ -56,24 +56,12 @@ class FileMonitor {
  private:
   using Time = Settling::Time;
 
-  // What a stat tells of the file behind a path. Equal identities: nothing that matters has changed.
-  struct Identity {
-    bool exists = false;
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    timespec modified = {};
-    timespec changed = {};
-
-    static Identity Of(const std::string& path);
-    bool operator==(const Identity& other) const;
-  };
-
   struct Rule {
     std::string path;
     std::shared_ptr<FileWatchCallback> callback;
     Settling settling;
-    Identity identity;  // as it was before the last report, or when the rule was added
+    std::optional<FileStatus>
+        status;  // before the last report, or when the rule was added; nothing: no such file
     bool polled = false;
   };
 

@@ -203,11 +203,11 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
 }
 
 int Run(const Options& options) {
+  IgnoreWriteSignals();
   if (!options.checkPolicyPath.empty()) {
     return CheckPolicy(options.checkPolicyPath);
   }
   OccupyStandardDescriptors(options);
-  IgnoreWriteSignals();
   const std::string policy = OrFail(EXIT_POLICY, [&] { return ReadPolicy(options); });
   const std::string modulePath =
       OrFail(EXIT_MODULE, [&] { return options.modulePath.empty() ? FindModule() : options.modulePath; });

@@ -1,20 +1,22 @@
 #include "agent/policy.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 
+#include "agent/file_status.h"
 #include "agent/json.h"
 
 const char defaultPolicy[] = R"({"unauthorized-root-user": {}})";
 
 namespace {
 
-constexpr off_t largestPolicy = off_t{64} << 20;  // bytes
+constexpr std::uint64_t largestPolicy = std::uint64_t{64} << 20;  // bytes
 
 class PolicyFile {
  public:
@@ -30,14 +32,14 @@ class PolicyFile {
   PolicyFile& operator=(const PolicyFile&) = delete;
 
   std::string Read() const {
-    struct stat status;
-    if (fstat(descriptor, &status) != 0) {
+    const std::optional<FileStatus> status = FileStatus::OfDescriptor(descriptor);
+    if (!status) {
       Refuse(std::strerror(errno));
     }
-    if (!S_ISREG(status.st_mode)) {
+    if (!status->regular) {
       Refuse("not a regular file");
     }
-    if (status.st_size > largestPolicy) {
+    if (status->size > largestPolicy) {
       Refuse("larger than 64 MiB");
     }
     std::string text;

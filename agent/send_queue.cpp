@@ -94,7 +94,9 @@ void SendQueue::Deliver() {
       if (!lock.owns_lock()) {
         lock.lock();
       }
-      changed.wait_for(lock, retryInterval);
+      if (!stopping) {
+        changed.wait_for(lock, drainRetryInterval);
+      }
     }
   }
 }

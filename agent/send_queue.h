@@ -55,7 +55,7 @@ class SendQueue {
   EventSink& sink;
   Logger& logger;
 
-  mutable std::mutex mutex;  // guards everything below it but the thread
+  mutable std::mutex mutex;  // guards what follows, down to the thread's own
   std::condition_variable changed;
   std::condition_variable delivered;
   std::deque<std::string> events;
@@ -66,11 +66,10 @@ class SendQueue {
   bool draining = false;
   bool stopping = false;
 
-  bool outputFailed = false;  // at the last attempt, and not for want of a reader's haste
+  bool outputFailed = false;  // at the last attempt
+  bool deferring = false;
 
-  bool failing = false;    // the delivering thread's own
-  bool deferring = false;  // the same
-
+  bool failing = false;  // the delivering thread's own
   std::thread thread;
 };
 

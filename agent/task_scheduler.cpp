@@ -1,5 +1,6 @@
 #include "agent/task_scheduler.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <new>
@@ -9,6 +10,9 @@
 #include "agent/services.h"
 
 namespace {
+
+// Beyond what a 32-bit clock can be asked for, a wait would end at once, again and again.
+constexpr std::chrono::hours longestWait(1);
 
 TaskTable::Time Now() { return std::chrono::steady_clock::now(); }
 
@@ -128,7 +132,7 @@ void TaskScheduler::Work() {
     if (id != 0) {
       RunLocked(lock, id);
     } else if (const auto due = table.NextDue()) {
-      changed.wait_until(lock, *due);
+      changed.wait_until(lock, std::min(*due, Now() + longestWait));
     } else {
       changed.wait(lock);
     }

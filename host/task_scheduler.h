@@ -43,7 +43,7 @@ unsigned UtilsRegisterTask(utils::thread::TASKTYPE type, utils::thread::TASK_CON
                            void* (*function)(void*), void* arg, const std::string& name);
 
 // Keeps the task from starting and returns when a running instance of it has ended: the one call here that
-// blocks. From inside the task itself it returns at once.
+// blocks. The module never calls it from inside the task.
 void UtilsPauseAndWaitForEnd(unsigned id);
 
 // Forgets the task. The caller has paused it before.

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -10,6 +11,11 @@
 #include "tests/agent/test_folder.h"
 
 namespace {
+
+// By the native tool: a 32-bit time_t cannot say it.
+void SetTimesTo2040(const std::string& path) {
+  ASSERT_EQ(std::system(("touch -d 2040-01-01 '" + path + "'").c_str()), 0);
+}
 
 class AccountFileTest : public testing::Test {
  protected:
@@ -24,6 +30,15 @@ TEST_F(AccountFileTest, AnOrdinaryFileMayBeRead) {
   EXPECT_EQ(ObstacleToReading(path), "");
   ASSERT_EQ(symlink(path.c_str(), folder.File("link").c_str()), 0);
   EXPECT_EQ(ObstacleToReading(folder.File("link")), "");
+}
+
+// 32-bit machines have no number for such a time, and their stat fails.
+TEST_F(AccountFileTest, ATimeBeyondTheCalendarIsNoObstacleAndHidesNone) {
+  WriteFile(path, "root:x:0:0::/:/bin/sh\n");
+  ASSERT_NO_FATAL_FAILURE(SetTimesTo2040(path));
+  EXPECT_EQ(ObstacleToReading(path), "");
+  ASSERT_NO_FATAL_FAILURE(SetTimesTo2040(folder.Path()));
+  EXPECT_EQ(ObstacleToReading(folder.Path()), folder.Path() + " is not a regular file");
 }
 
 TEST_F(AccountFileTest, AMissingFileIsLeftToTheModuleToReport) { EXPECT_EQ(ObstacleToReading(path), ""); }

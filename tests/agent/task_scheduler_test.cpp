@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -102,6 +103,23 @@ TEST_F(TaskSchedulerTest, ATaskThatIsDueSoonIsNotKeptWaitingByOneThatIsDueLate) 
   RegisterTimed(soon, 1, anHour);
   EXPECT_TRUE(runs.Reaches(1));
   scheduler.reset();
+}
+
+// A clock of 32 bits cannot be asked for so long a wait: the worker would wake at once, again and again.
+TEST_F(TaskSchedulerTest, ATaskThatIsDueInACenturyCostsNothing) {
+  Job job = {[] {}};
+  RegisterTimed(job, INT64_MAX, INT64_MAX);
+  TaskScheduler timer(1, logger);
+  Tally rings;
+  Job ring = {[&] { rings.Add(); }};
+  TASK_CONDITION soon = TASK_CONDITION();
+  soon.startDelayMs = 300;
+  soon.enabled = true;
+  const std::clock_t before = std::clock();
+  const unsigned id = timer.Register(utils::thread::TASKTYPE_ONCE, soon, Job::Run, &ring, "timer");
+  ASSERT_TRUE(rings.Reaches(1));
+  timer.PauseAndWait(id);
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10) << "of the whole process, idle but for its workers";
 }
 
 TEST_F(TaskSchedulerTest, TasksRunSideBySide) {

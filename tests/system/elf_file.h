@@ -1,14 +1,16 @@
 #ifndef VELTA_TESTS_SYSTEM_ELF_FILE_H
 #define VELTA_TESTS_SYSTEM_ELF_FILE_H
 
+#include <elf.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
-// A shared object as it lies on disk: what it offers, what it asks for. Or an object file, which has nothing
-// dynamic but symbols of its own. Reads both classes and both byte
-// orders, whatever machine it runs on. Throws std::runtime_error for a file that is no complete ELF file.
+// A shared object as it lies on disk, with what it offers and what it asks for, or an object file, which has
+// symbols alone. Reads both classes and both byte orders, whatever machine it runs on. Throws
+// std::runtime_error for a file that is no complete ELF file.
 class ElfFile {
  public:
   struct Symbol {
@@ -36,6 +38,10 @@ class ElfFile {
 
   // The versions of library symbols that the file asks for, such as "GLIBC_2.17".
   const std::vector<std::string>& RequiredVersions() const { return versions; }
+
+  unsigned Machine() const {
+    return static_cast<unsigned>(Number(offsetof(Elf32_Ehdr, e_machine), 2));
+  }  // EM_...
 
   // Every byte of the file.
   const std::string& Bytes() const { return bytes; }

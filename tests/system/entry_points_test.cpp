@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,15 @@
 // An agent may well have a function of this name. What the module calls by it is its own.
 extern "C" void StopModule();
 extern "C" void StopModule() { ADD_FAILURE() << "the module called a function of the agent's"; }
+
+// The targets are what their names say.
+static_assert((sizeof(std::string) == sizeof(void*)) == VELTA_ONE_WORD_STRING,
+              "the string has the asked width");
+#ifdef __powerpc__
+static_assert(__BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ && sizeof(void*) == 4 && sizeof(std::time_t) == 4 &&
+                  sizeof(std::string) == 4 && sizeof(FileWatchRule) == 28,
+              "32-bit big-endian PowerPC with one-word strings");
+#endif
 
 namespace {
 

@@ -78,6 +78,17 @@ bool IsOfASanitizer(const std::string& symbol) {
   return sanitized && std::regex_match(symbol, prefix);
 }
 
+TEST(ShippedFile, IsOfTheTargetThatItWasBuiltFor) {
+  const ElfFile module(ModulePath());
+  const unsigned bits = module.Bytes()[EI_CLASS] == ELFCLASS32 ? 32 : 64;
+  EXPECT_EQ(bits, 8 * sizeof(void*));
+  const bool bigEndian = module.Bytes()[EI_DATA] == ELFDATA2MSB;
+  EXPECT_EQ(bigEndian, __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__);
+#ifdef __powerpc__
+  EXPECT_EQ(module.Machine(), EM_PPC);
+#endif
+}
+
 TEST(ShippedFile, OffersTheFourFunctionsAndNothingElse) {
   const ElfFile module(ModulePath());
   std::vector<std::string> offered;
@@ -183,8 +194,9 @@ std::string HighestVersion(const ElfFile& module, const std::string& family) {
   return highest;
 }
 
-// The module is loaded on boxes whose libraries are older than the machine that builds it. What it needs may
-// fall, but must not rise unnoticed; docs/targets.md has the same table and says what needs the highest.
+// The module is loaded on boxes whose libraries are older than the machine that builds it. What it needs must
+// not rise unnoticed, and a fall is to be told of, too; docs/targets.md has the same table and says what
+// needs the highest.
 TEST(ShippedFile, NeedsNoNewerLibrariesThanTheTableSays) {
   if (sanitized) {
     GTEST_SKIP() << "a sanitizer brings needs of its own";
