@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/agent/test_folder.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
@@ -19,8 +19,8 @@ void SetTimesTo2040(const std::string& path) {
 
 class AccountFileTest : public testing::Test {
  protected:
-  TestFolder folder;
-  const std::string path = folder.File("passwd");
+  TemporaryFolder folder;
+  const std::string path = folder.Path("passwd");
 };
 
 TEST_F(AccountFileTest, TheFileIsTheOneThatTheModuleReads) { EXPECT_STREQ(accountFilePath, "/etc/passwd"); }
@@ -28,8 +28,8 @@ TEST_F(AccountFileTest, TheFileIsTheOneThatTheModuleReads) { EXPECT_STREQ(accoun
 TEST_F(AccountFileTest, AnOrdinaryFileMayBeRead) {
   WriteFile(path, "root:x:0:0::/:/bin/sh\n");
   EXPECT_EQ(ObstacleToReading(path), "");
-  ASSERT_EQ(symlink(path.c_str(), folder.File("link").c_str()), 0);
-  EXPECT_EQ(ObstacleToReading(folder.File("link")), "");
+  ASSERT_EQ(symlink(path.c_str(), folder.Path("link").c_str()), 0);
+  EXPECT_EQ(ObstacleToReading(folder.Path("link")), "");
 }
 
 // 32-bit machines have no number for such a time, and their stat fails.

@@ -31,10 +31,11 @@
 
 #include "agent/logger.h"
 #include "host/file_monitor.h"
-#include "tests/agent/test_folder.h"
+#include "tests/agent/descriptor_limit.h"
 #include "tests/agent/written_log.h"
 #include "tests/contract/waiting.h"
 #include "tests/support/latch.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
@@ -158,7 +159,7 @@ class FileMonitorTest : public testing::Test {
 
   // A change of another file has been reported: what was to be reported before it has been.
   void LetTheMonitorWork() {
-    const std::string other = folder.File("other");
+    const std::string other = folder.Path("other");
     WriteFile(other, "");
     Reports reports(other);
     const FileWatchRule rule = Watch(other, reports.Callback());
@@ -169,8 +170,8 @@ class FileMonitorTest : public testing::Test {
     monitor->Remove(rule);
   }
 
-  TestFolder folder;
-  const std::string file = folder.File("watched");
+  TemporaryFolder folder;
+  const std::string file = folder.Path("watched");
   WrittenLog written;
   Logger logger{LogLevel::Debug, written.Descriptor()};
   std::unique_ptr<FileMonitor> monitor;
@@ -179,13 +180,13 @@ class FileMonitorTest : public testing::Test {
 // A way in which the content behind a path changes.
 struct Change {
   const char* name;
-  std::string watched;                             // below the test's folder
-  std::function<void(const TestFolder&)> prepare;  // before the watch; "watched" holds "at first"
-  std::function<void(const TestFolder&)> make;
+  std::string watched;                                  // below the test's folder
+  std::function<void(const TemporaryFolder&)> prepare;  // before the watch; "watched" holds "at first"
+  std::function<void(const TemporaryFolder&)> make;
   std::string content;  // what a reader of the watched path finds afterwards
 };
 
-void Nothing(const TestFolder& /*folder*/) {}
+void Nothing(const TemporaryFolder& /*folder*/) {}
 
 void MakeFolder(const std::string& path, const std::string& content) {
   fs::create_directories(path);
@@ -195,116 +196,118 @@ void MakeFolder(const std::string& path, const std::string& content) {
 std::vector<Change> Changes() {
   return {
       {"WrittenInPlace", "watched", Nothing,
-       [](const TestFolder& folder) { WriteFile(folder.File("watched"), "written"); }, "written"},
+       [](const TemporaryFolder& folder) { WriteFile(folder.Path("watched"), "written"); }, "written"},
       {"AppendedTo", "watched", Nothing,
-       [](const TestFolder& folder) { Writer(folder.File("watched")).Append(", more"); }, "at first, more"},
+       [](const TemporaryFolder& folder) { Writer(folder.Path("watched")).Append(", more"); },
+       "at first, more"},
       {"Truncated", "watched", Nothing,
-       [](const TestFolder& folder) { fs::resize_file(folder.File("watched"), 2); }, "at"},
+       [](const TemporaryFolder& folder) { fs::resize_file(folder.Path("watched"), 2); }, "at"},
       {"Emptied", "watched", Nothing,
-       [](const TestFolder& folder) { fs::resize_file(folder.File("watched"), 0); }, ""},
+       [](const TemporaryFolder& folder) { fs::resize_file(folder.Path("watched"), 0); }, ""},
       {"Replaced", "watched", Nothing,
-       [](const TestFolder& folder) { ReplaceFile(folder.File("watched"), "replaced"); }, "replaced"},
+       [](const TemporaryFolder& folder) { ReplaceFile(folder.Path("watched"), "replaced"); }, "replaced"},
       {"ReplacedWhileTheOldOneKeepsAName", "watched", Nothing,
-       [](const TestFolder& folder) {
-         fs::create_hard_link(folder.File("watched"), folder.File("watched-"));
-         ReplaceFile(folder.File("watched"), "edited");
+       [](const TemporaryFolder& folder) {
+         fs::create_hard_link(folder.Path("watched"), folder.Path("watched-"));
+         ReplaceFile(folder.Path("watched"), "edited");
        },
        "edited"},
       {"MovedAwayAndMadeAgain", "watched", Nothing,
-       [](const TestFolder& folder) {
-         fs::rename(folder.File("watched"), folder.File("watched~"));
-         WriteFile(folder.File("watched"), "edited");
+       [](const TemporaryFolder& folder) {
+         fs::rename(folder.Path("watched"), folder.Path("watched~"));
+         WriteFile(folder.Path("watched"), "edited");
        },
        "edited"},
-      {"Deleted", "watched", Nothing, [](const TestFolder& folder) { fs::remove(folder.File("watched")); },
-       noFile},
+      {"Deleted", "watched", Nothing,
+       [](const TemporaryFolder& folder) { fs::remove(folder.Path("watched")); }, noFile},
       {"DeletedAndMadeAgain", "watched", Nothing,
-       [](const TestFolder& folder) {
-         fs::remove(folder.File("watched"));
-         WriteFile(folder.File("watched"), "made again");
+       [](const TemporaryFolder& folder) {
+         fs::remove(folder.Path("watched"));
+         WriteFile(folder.Path("watched"), "made again");
        },
        "made again"},
       {"ReplacedByAFolder", "watched", Nothing,
-       [](const TestFolder& folder) {
-         fs::remove(folder.File("watched"));
-         fs::create_directory(folder.File("watched"));
+       [](const TemporaryFolder& folder) {
+         fs::remove(folder.Path("watched"));
+         fs::create_directory(folder.Path("watched"));
        },
        noFile},
       {"WrittenThroughAHardLinkElsewhere", "watched",
-       [](const TestFolder& folder) {
-         fs::create_directory(folder.File("elsewhere"));
-         fs::create_hard_link(folder.File("watched"), folder.File("elsewhere/link"));
+       [](const TemporaryFolder& folder) {
+         fs::create_directory(folder.Path("elsewhere"));
+         fs::create_hard_link(folder.Path("watched"), folder.Path("elsewhere/link"));
        },
-       [](const TestFolder& folder) { WriteFile(folder.File("elsewhere/link"), "through the link"); },
+       [](const TemporaryFolder& folder) { WriteFile(folder.Path("elsewhere/link"), "through the link"); },
        "through the link"},
       {"TargetOfALinkWritten", "link",
-       [](const TestFolder& folder) {
-         MakeFolder(folder.File("elsewhere"), "at first");
-         fs::create_symlink("elsewhere/watched", folder.File("link"));
+       [](const TemporaryFolder& folder) {
+         MakeFolder(folder.Path("elsewhere"), "at first");
+         fs::create_symlink("elsewhere/watched", folder.Path("link"));
        },
-       [](const TestFolder& folder) { WriteFile(folder.File("elsewhere/watched"), "written"); }, "written"},
+       [](const TemporaryFolder& folder) { WriteFile(folder.Path("elsewhere/watched"), "written"); },
+       "written"},
       {"TargetOfALinkReplaced", "link",
-       [](const TestFolder& folder) {
-         MakeFolder(folder.File("elsewhere"), "at first");
-         fs::create_symlink("elsewhere/watched", folder.File("link"));
+       [](const TemporaryFolder& folder) {
+         MakeFolder(folder.Path("elsewhere"), "at first");
+         fs::create_symlink("elsewhere/watched", folder.Path("link"));
        },
-       [](const TestFolder& folder) { ReplaceFile(folder.File("elsewhere/watched"), "replaced"); },
+       [](const TemporaryFolder& folder) { ReplaceFile(folder.Path("elsewhere/watched"), "replaced"); },
        "replaced"},
       {"ReplacedByALink", "watched",
-       [](const TestFolder& folder) { MakeFolder(folder.File("elsewhere"), "behind the link"); },
-       [](const TestFolder& folder) {
-         fs::create_symlink("elsewhere/watched", folder.File("link"));
-         fs::rename(folder.File("link"), folder.File("watched"));
+       [](const TemporaryFolder& folder) { MakeFolder(folder.Path("elsewhere"), "behind the link"); },
+       [](const TemporaryFolder& folder) {
+         fs::create_symlink("elsewhere/watched", folder.Path("link"));
+         fs::rename(folder.Path("link"), folder.Path("watched"));
        },
        "behind the link"},
       {"LinkOfAFolderTurned", "current/watched",
-       [](const TestFolder& folder) {
-         MakeFolder(folder.File("v1"), "one");
-         MakeFolder(folder.File("v2"), "two");
-         fs::create_symlink("v1", folder.File("current"));
+       [](const TemporaryFolder& folder) {
+         MakeFolder(folder.Path("v1"), "one");
+         MakeFolder(folder.Path("v2"), "two");
+         fs::create_symlink("v1", folder.Path("current"));
        },
-       [](const TestFolder& folder) {
-         fs::create_symlink("v2", folder.File("next"));
-         fs::rename(folder.File("next"), folder.File("current"));
+       [](const TemporaryFolder& folder) {
+         fs::create_symlink("v2", folder.Path("next"));
+         fs::rename(folder.Path("next"), folder.Path("current"));
        },
        "two"},
       {"FolderMovedAway", "a/b/watched",
-       [](const TestFolder& folder) { MakeFolder(folder.File("a/b"), "at first"); },
-       [](const TestFolder& folder) { fs::rename(folder.File("a"), folder.File("old")); }, noFile},
+       [](const TemporaryFolder& folder) { MakeFolder(folder.Path("a/b"), "at first"); },
+       [](const TemporaryFolder& folder) { fs::rename(folder.Path("a"), folder.Path("old")); }, noFile},
       {"FolderMovedAwayAndMadeAgain", "a/b/watched",
-       [](const TestFolder& folder) { MakeFolder(folder.File("a/b"), "at first"); },
-       [](const TestFolder& folder) {
-         fs::rename(folder.File("a"), folder.File("old"));
-         MakeFolder(folder.File("a/b"), "made again");
+       [](const TemporaryFolder& folder) { MakeFolder(folder.Path("a/b"), "at first"); },
+       [](const TemporaryFolder& folder) {
+         fs::rename(folder.Path("a"), folder.Path("old"));
+         MakeFolder(folder.Path("a/b"), "made again");
        },
        "made again"},
       {"FolderRemovedAndMadeAgain", "a/b/watched",
-       [](const TestFolder& folder) { MakeFolder(folder.File("a/b"), "at first"); },
-       [](const TestFolder& folder) {
-         fs::remove_all(folder.File("a"));
-         MakeFolder(folder.File("a/b"), "made again");
+       [](const TemporaryFolder& folder) { MakeFolder(folder.Path("a/b"), "at first"); },
+       [](const TemporaryFolder& folder) {
+         fs::remove_all(folder.Path("a"));
+         MakeFolder(folder.Path("a/b"), "made again");
        },
        "made again"},
       {"FolderReplacedByAnother", "a/b/watched",
-       [](const TestFolder& folder) {
-         MakeFolder(folder.File("a/b"), "at first");
-         MakeFolder(folder.File("another/b"), "in another");
+       [](const TemporaryFolder& folder) {
+         MakeFolder(folder.Path("a/b"), "at first");
+         MakeFolder(folder.Path("another/b"), "in another");
        },
-       [](const TestFolder& folder) {
-         fs::rename(folder.File("a"), folder.File("old"));
-         fs::rename(folder.File("another"), folder.File("a"));
+       [](const TemporaryFolder& folder) {
+         fs::rename(folder.Path("a"), folder.Path("old"));
+         fs::rename(folder.Path("another"), folder.Path("a"));
        },
        "in another"},
       {"MissingAtFirst", "missing", Nothing,
-       [](const TestFolder& folder) { WriteFile(folder.File("missing"), "made"); }, "made"},
+       [](const TemporaryFolder& folder) { WriteFile(folder.Path("missing"), "made"); }, "made"},
       {"MissingWithItsFolders", "a/b/c/watched", Nothing,
-       [](const TestFolder& folder) { MakeFolder(folder.File("a/b/c"), "made"); }, "made"},
+       [](const TemporaryFolder& folder) { MakeFolder(folder.Path("a/b/c"), "made"); }, "made"},
       {"MissingBehindALinkThatLeadsNowhere", "watched",
-       [](const TestFolder& folder) {
-         fs::remove(folder.File("watched"));
-         fs::create_symlink("nowhere", folder.File("watched"));
+       [](const TemporaryFolder& folder) {
+         fs::remove(folder.Path("watched"));
+         fs::create_symlink("nowhere", folder.Path("watched"));
        },
-       [](const TestFolder& folder) { ReplaceFile(folder.File("watched"), "made"); }, "made"},
+       [](const TemporaryFolder& folder) { ReplaceFile(folder.Path("watched"), "made"); }, "made"},
   };
 }
 
@@ -317,16 +320,16 @@ class FileMonitorChangeTest : public FileMonitorTest, public testing::WithParamI
   // The change, and then one more of each kind that matters: a monitor that is left on the wrong inode after
   // the first one misses them.
   void ExpectThatEveryChangeIsReported() {
-    const std::string path = folder.File(GetParam().watched);
+    const std::string path = folder.Path(GetParam().watched);
     Reports reports(path);
     const FileWatchRule rule = Watch(path, reports.Callback());
     GetParam().make(folder);
     ASSERT_TRUE(reports.Saw(GetParam().content));
 
     if (fs::is_regular_file(path)) {
-      fs::create_directory(folder.File("far away"));
-      fs::create_hard_link(fs::canonical(path), folder.File("far away/link"));
-      WriteFile(folder.File("far away/link"), "written through a link, after that");
+      fs::create_directory(folder.Path("far away"));
+      fs::create_hard_link(fs::canonical(path), folder.Path("far away/link"));
+      WriteFile(folder.Path("far away/link"), "written through a link, after that");
       ASSERT_TRUE(reports.Saw("written through a link, after that"));
       ReplaceFile(path, "replaced after that");
       ASSERT_TRUE(reports.Saw("replaced after that"));
@@ -395,17 +398,17 @@ TEST_F(FileMonitorTest, AChangeOfModeIsReported) {
 
 TEST_F(FileMonitorTest, AChangeOfWhatNoEventTellsIsFoundByTheIdentityCheck) {
   // Given a path that runs through a link whose target lies below a folder that nobody watches
-  MakeFolder(folder.File("unwatched/target"), "at first");
-  MakeFolder(folder.File("other/target"), "in the other");
-  fs::create_symlink("unwatched/target", folder.File("link"));
-  const std::string path = folder.File("link/watched");
+  MakeFolder(folder.Path("unwatched/target"), "at first");
+  MakeFolder(folder.Path("other/target"), "in the other");
+  fs::create_symlink("unwatched/target", folder.Path("link"));
+  const std::string path = folder.Path("link/watched");
   Start(milliseconds(20));
   Reports reports(path);
   Watch(path, reports.Callback());
 
-  fs::rename(folder.File("unwatched"), folder.File("away"));
+  fs::rename(folder.Path("unwatched"), folder.Path("away"));
   ASSERT_TRUE(reports.Saw(noFile));
-  fs::rename(folder.File("other"), folder.File("unwatched"));
+  fs::rename(folder.Path("other"), folder.Path("unwatched"));
   EXPECT_TRUE(reports.Saw("in the other"));
   monitor.reset();
 }
@@ -448,7 +451,7 @@ TEST_F(FileMonitorTest, ARelativePathIsWatchedAndReportedAsItIs) {
 }
 
 TEST_F(FileMonitorTest, OfTwoRulesInOneFolderEachHearsOfItsOwnFile) {
-  const std::string otherFile = folder.File("another");
+  const std::string otherFile = folder.Path("another");
   WriteFile(otherFile, "at first");
   Start();
   Reports reports(file);
@@ -482,15 +485,15 @@ TEST_F(FileMonitorTest, EveryRuleOfOneFileIsServed) {
 
   monitor->Remove(goes);
   const std::vector<std::string> before = first.Paths();
-  fs::create_hard_link(file, folder.File("link"));
-  WriteFile(folder.File("link"), "for one");
+  fs::create_hard_link(file, folder.Path("link"));
+  WriteFile(folder.Path("link"), "for one");
   EXPECT_TRUE(second.Saw("for one"));
   EXPECT_EQ(first.Paths(), before);
   monitor->Remove(stays);
 }
 
 TEST_F(FileMonitorTest, AFolderMayBeWatchedLikeAFile) {
-  const std::string path = folder.File("folder");
+  const std::string path = folder.Path("folder");
   fs::create_directory(path);
   Start();
   Reports reports(path);
@@ -572,7 +575,7 @@ TEST_F(FileMonitorTest, ARemovalWaitsForARunningCallback) {
 }
 
 TEST_F(FileMonitorTest, ARemovalDoesNotWaitForTheCallbackOfAnotherRule) {
-  const std::string otherFile = folder.File("another");
+  const std::string otherFile = folder.Path("another");
   Start();
   Latch inside;
   Latch release;
@@ -632,7 +635,7 @@ TEST_F(FileMonitorTest, ACallbackMayRemoveItsOwnRule) {
 }
 
 TEST_F(FileMonitorTest, ACallbackMayAddAndRemoveOtherRules) {
-  const std::string otherFile = folder.File("another");
+  const std::string otherFile = folder.Path("another");
   Start();
   Reports ofOther(otherFile);
   FileWatchRule other = Rule(otherFile, ofOther.Callback());
@@ -737,8 +740,8 @@ TEST_F(FileMonitorTest, AfterTheKernelDroppedEventsEveryFileIsReported) {
   ASSERT_TRUE(inside.Wait());
 
   // Two files in turn: the kernel merges an event with an equal one before it
-  const std::string one = folder.File("one");
-  const std::string two = folder.File("two");
+  const std::string one = folder.Path("one");
+  const std::string two = folder.Path("two");
   WriteFile(one, "");
   WriteFile(two, "");
   for (std::size_t i = 0; i < longestQueue / 2 + 100; ++i) {
@@ -757,7 +760,7 @@ TEST_F(FileMonitorTest, AfterTheKernelDroppedEventsEveryFileIsReported) {
 
 TEST_F(FileMonitorTest, PollingIsSaidOnceHoweverManyRulesItServes) {
   StartWithoutInotify(milliseconds(20));
-  const std::string otherFile = folder.File("another");
+  const std::string otherFile = folder.Path("another");
   Reports reports(file);
   Reports ofOther(otherFile);
   Watch(file, reports.Callback());
@@ -777,7 +780,7 @@ TEST_F(FileMonitorTest, PollingIsSaidAgainForARuleThatComesAfterTheLastPolledOne
   StartWithoutInotify(milliseconds(20));
   const FileWatchRule first = Watch(file, Do([] {}));
   monitor->Remove(first);
-  const std::string otherFile = folder.File("another");
+  const std::string otherFile = folder.Path("another");
   Watch(otherFile, Do([] {}));
   monitor.reset();
   EXPECT_THAT(written.Text(), HasSubstr(file + " is polled every 20 ms"));
@@ -841,21 +844,21 @@ TEST_F(FileMonitorTest, AMountOverTheFileOrItsFolderIsReported) {
   ASSERT_EQ(unshare(CLONE_NEWNS), 0) << "this test needs the right to mount in a namespace of its own: "
                                      << std::strerror(errno);
   ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << std::strerror(errno);
-  MakeFolder(folder.File("a/b"), "below");
-  MakeFolder(folder.File("other"), "over it");
-  const std::string path = folder.File("a/b/watched");
+  MakeFolder(folder.Path("a/b"), "below");
+  MakeFolder(folder.Path("other"), "over it");
+  const std::string path = folder.Path("a/b/watched");
   Start();
   Reports reports(path);
   Watch(path, reports.Callback());
   {
-    const BindMount overFile(folder.File("other/watched"), path);
+    const BindMount overFile(folder.Path("other/watched"), path);
     EXPECT_TRUE(reports.Saw("over it"));
     WriteFile(path, "written in place");  // the folder below hears nothing of it
     EXPECT_TRUE(reports.Saw("written in place"));
   }
   EXPECT_TRUE(reports.Saw("below"));
   {
-    const BindMount overFolder(folder.File("other"), folder.File("a/b"));
+    const BindMount overFolder(folder.Path("other"), folder.Path("a/b"));
     EXPECT_TRUE(reports.Saw("written in place"));
     ReplaceFile(path, "replaced above");
     EXPECT_TRUE(reports.Saw("replaced above"));

@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/agent/test_folder.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
@@ -21,13 +21,13 @@ class FileStatusTest : public testing::Test {
  protected:
   FileStatusTest() { WriteFile(path, "text"); }
 
-  TestFolder folder;
-  const std::string path = folder.File("file");
+  TemporaryFolder folder;
+  const std::string path = folder.Path("file");
 };
 
 TEST_F(FileStatusTest, TellsWhatIsBehindAPathOrADescriptor) {
-  ASSERT_EQ(symlink(path.c_str(), folder.File("link").c_str()), 0);
-  const std::optional<FileStatus> status = FileStatus::OfPath(folder.File("link"));
+  ASSERT_EQ(symlink(path.c_str(), folder.Path("link").c_str()), 0);
+  const std::optional<FileStatus> status = FileStatus::OfPath(folder.Path("link"));
   ASSERT_TRUE(status);
   EXPECT_TRUE(status->regular);
   EXPECT_EQ(status->size, 4u);
@@ -41,7 +41,7 @@ TEST_F(FileStatusTest, TellsWhatIsBehindAPathOrADescriptor) {
 
 TEST_F(FileStatusTest, NothingIsToldOfWhatIsNotThere) {
   errno = 0;
-  EXPECT_FALSE(FileStatus::OfPath(folder.File("nothing")));
+  EXPECT_FALSE(FileStatus::OfPath(folder.Path("nothing")));
   EXPECT_EQ(errno, ENOENT);
   EXPECT_FALSE(FileStatus::OfDescriptor(-1));
   EXPECT_EQ(errno, EBADF);

@@ -17,7 +17,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/agent/test_folder.h"
+#include "tests/agent/descriptor_limit.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
@@ -115,8 +116,8 @@ class InotifyTest : public testing::Test {
     return Texts({{watch, mask, name}}).front();
   }
 
-  TestFolder folder;
-  const std::string file = folder.File("watched");
+  TemporaryFolder folder;
+  const std::string file = folder.Path("watched");
   Inotify inotify;
 };
 
@@ -127,7 +128,7 @@ TEST_F(InotifyTest, EventsOfAFileAndOfItsFolderAreReadInOrder) {
   ASSERT_GE(ofFolder, 0);
   ASSERT_NE(ofFile, ofFolder);
 
-  ReplaceFile(folder.File("other"), "content");
+  ReplaceFile(folder.Path("other"), "content");
   ASSERT_EQ(truncate(file.c_str(), 2), 0);
 
   EXPECT_THAT(ReadAll(), ElementsAre(Text(ofFolder, IN_CREATE, "other.new"),
@@ -146,14 +147,14 @@ TEST_F(InotifyTest, MoreEventsThanOneBufferTakesAreReadInSeveralTurns) {
   std::vector<std::string> expected;
   for (int i = 0; i < 1000; ++i) {
     const std::string name = "file" + std::to_string(i);
-    WriteFile(folder.File(name), "");
+    WriteFile(folder.Path(name), "");
     expected.push_back(Text(watch, IN_CREATE, name));
   }
   EXPECT_EQ(ReadAll(), expected);
 }
 
 TEST_F(InotifyTest, AnInodeThatIsWatchedTwiceHasOneNumberAndBothMasks) {
-  const std::string link = folder.File("link");
+  const std::string link = folder.Path("link");
   std::filesystem::create_hard_link(file, link);
   const int watch = inotify.Add(file, IN_ATTRIB);
   EXPECT_EQ(inotify.Add(link, IN_MODIFY), watch);
@@ -164,7 +165,7 @@ TEST_F(InotifyTest, AnInodeThatIsWatchedTwiceHasOneNumberAndBothMasks) {
 }
 
 TEST_F(InotifyTest, ARefusedWatchGivesTheReason) {
-  EXPECT_EQ(inotify.Add(folder.File("missing"), IN_MODIFY), -ENOENT);
+  EXPECT_EQ(inotify.Add(folder.Path("missing"), IN_MODIFY), -ENOENT);
   EXPECT_EQ(inotify.Add(file + "/below", IN_MODIFY), -ENOTDIR);
   EXPECT_EQ(inotify.Add(file, IN_CREATE | IN_ONLYDIR), -ENOTDIR);
 }

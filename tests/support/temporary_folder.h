@@ -12,6 +12,22 @@
 #include <string>
 #include <system_error>
 
+// A change that cannot be made is a fault of the test's surroundings, so these throw.
+
+inline void WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << content;
+  if (!file.flush()) {
+    throw std::runtime_error("cannot write " + path);
+  }
+}
+
+// A new file in the place of the old one, as account tools do it.
+inline void ReplaceFile(const std::string& path, const std::string& content) {
+  WriteFile(path + ".new", content);
+  std::filesystem::rename(path + ".new", path);
+}
+
 // A folder of a test's own, gone with this object. Open to everybody, so that a process without rights can
 // use it, too.
 class TemporaryFolder {
@@ -33,11 +49,7 @@ class TemporaryFolder {
 
   // Writes the file anew; returns its path.
   std::string Write(const std::string& name, const std::string& content) const {
-    std::ofstream file(Path(name), std::ios::binary | std::ios::trunc);
-    file << content << std::flush;
-    if (!file) {
-      throw std::runtime_error("cannot write " + Path(name));
-    }
+    WriteFile(Path(name), content);
     return Path(name);
   }
 
