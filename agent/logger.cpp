@@ -231,7 +231,7 @@ void WriteStartupLog(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
   try {
-    InstalledServices::Current().logger.Debug(PrintedText(format == nullptr ? "" : format, arguments));
+    InstalledServices::Current().logger.Debug(PrintedText(format == nullptr ? "(null)" : format, arguments));
   } catch (...) {  // as above
   }
   va_end(arguments);
