@@ -1,7 +1,12 @@
 #ifndef VELTA_AGENT_ACCOUNT_FILE_H
 #define VELTA_AGENT_ACCOUNT_FILE_H
 
+#include <chrono>
+#include <optional>
 #include <string>
+
+#include "agent/file_status.h"
+#include "agent/task_scheduler.h"
 
 // The file that the module reads; the module's own constant, which no interface of it tells.
 extern const char accountFilePath[];
@@ -10,6 +15,26 @@ extern const char accountFilePath[];
 // would hold its thread for ever, a folder looks like an empty file and empties what the detector knows, and
 // a line of gigabytes takes as much memory. A missing or unreadable file is no obstacle: the module says so
 // itself.
+std::string ObstacleToReading(const std::string& path, const std::optional<FileStatus>& status);
 std::string ObstacleToReading(const std::string& path);
+
+// Decides before each reading whether it may begin.
+//
+// An empty account file is most likely one that is being written anew, right after its truncation. Read then,
+// it would empty what the detector knows, and every accepted account would be reported again. So the reading
+// is put off for as long as a writer may need; a file that stays empty is read.
+//
+// Thread use: one thread at a time.
+class ReadingGate {
+ public:
+  using Time = std::chrono::steady_clock::time_point;
+
+  static constexpr std::chrono::milliseconds longestEmpty{1000};
+
+  TaskScheduler::Permission Ask(const std::string& path, const std::optional<FileStatus>& status, Time now);
+
+ private:
+  std::optional<Time> emptySince;
+};
 
 #endif  // VELTA_AGENT_ACCOUNT_FILE_H

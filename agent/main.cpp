@@ -49,6 +49,17 @@ auto OrFail(ExitCode code, Step step) {
   }
 }
 
+// Builds a part that needs a thread or a descriptor. What the system says of a thread that it refuses names
+// nothing.
+template <typename Build>
+auto Started(const char* part, Build build) {
+  try {
+    return build();
+  } catch (const std::system_error& error) {
+    throw Failure(EXIT_SYSTEM, std::string("the ") + part + " cannot start: " + error.what());
+  }
+}
+
 // A descriptor that was closed at the start would be given to the first file that is opened, and alerts or
 // log lines would end up there.
 void OccupyStandardDescriptors(const Options& options) {
@@ -165,7 +176,13 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   Logger logger(options.logLevel);
   EventSink sink = OrFail(EXIT_OUTPUT, [&] { return EventSink(options.outputPath); });
   SendQueue queue(sink, logger, options.once ? 0 : options.eventsPerMinute);
-  TaskScheduler scheduler(workerCount, logger, [] { return ObstacleToReading(accountFilePath); });
+  ReadingGate gate;
+  // A single reading has seen its file already.
+  TaskScheduler scheduler(
+      workerCount, logger, options.once ? TaskScheduler::Gate() : [&gate] {
+        return gate.Ask(accountFilePath, FileStatus::OfPath(accountFilePath),
+                        ReadingGate::Time::clock::now());
+      });
   FileMonitor monitor(logger, options.identityInterval);
   InstalledServices services(logger, queue, scheduler, monitor);  // the functions of host/ land here
   // Last: unloaded while everything that it calls still stands.

@@ -32,23 +32,23 @@ void LogFailure(Logger& logger, const std::string& name, const char* reason) {
   }
 }
 
-// True when the task returned. Exceptions end here: the thread is the agent's, and so is every other task.
-bool Run(const TaskTable::Task& task, Logger& logger) {
+// Exceptions end here: the thread is the agent's, and so is every other task.
+TaskTable::Outcome Run(const TaskTable::Task& task, Logger& logger) {
   try {
     task.function(task.arg);
-    return true;
+    return TaskTable::Outcome::Done;
   } catch (const std::exception& error) {
     LogFailure(logger, task.name, error.what());
   } catch (...) {
     LogFailure(logger, task.name, "an exception of an unknown type");
   }
-  return false;
+  return TaskTable::Outcome::Failed;
 }
 
 }  // namespace
 
-TaskScheduler::TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Obstacle obstacleToRuns)
-    : logger(schedulerLogger), obstacle(std::move(obstacleToRuns)) {
+TaskScheduler::TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Gate gateBeforeRuns)
+    : logger(schedulerLogger), gate(std::move(gateBeforeRuns)) {
   try {
     for (unsigned i = 0; i < workerCount; ++i) {
       workers.emplace_back([this] { Work(); });
@@ -145,33 +145,42 @@ void TaskScheduler::RunLocked(std::unique_lock<std::mutex>& lock, unsigned id) {
   const TaskTable::Time began = Now();
   lock.unlock();
   currentRun = {this, id};
-  const bool succeeded = MayRun() && Run(task, logger);
+  TaskTable::Outcome outcome = TaskTable::Outcome::Failed;
+  switch (AskGate()) {
+    case Permission::Answer::Yes:
+      outcome = Run(task, logger);
+      break;
+    case Permission::Answer::NotYet:
+      outcome = TaskTable::Outcome::PutOff;
+      break;
+    case Permission::Answer::No:
+      break;
+  }
   currentRun = {nullptr, 0};
   lock.lock();
-  anyFailed = anyFailed || !succeeded;
-  table.End(id, succeeded, began, Now());
+  anyFailed = anyFailed || outcome == TaskTable::Outcome::Failed;
+  table.End(id, outcome, began, Now());
   ended.notify_all();
 }
 
 // Never throws: it runs at the top of a worker, and memory may be short; then nothing runs for now.
-bool TaskScheduler::MayRun() {
-  if (!obstacle) {
-    return true;
+TaskScheduler::Permission::Answer TaskScheduler::AskGate() {
+  if (!gate) {
+    return Permission::Answer::Yes;
   }
   try {
-    std::lock_guard<std::mutex> lock(obstacleMutex);
-    std::string reason = obstacle();
-    if (reason != toldObstacle) {
-      if (reason.empty()) {
-        logger.Info("tasks run again");
-      } else {
-        logger.Error("tasks wait: " + reason);
-      }
-      toldObstacle = reason;
+    std::lock_guard<std::mutex> lock(gateMutex);
+    const Permission permission = gate();
+    if (permission.answer == Permission::Answer::No && permission.reason != toldReason) {
+      logger.Error("tasks wait: " + permission.reason);
+      toldReason = permission.reason;
+    } else if (permission.answer == Permission::Answer::Yes && !toldReason.empty()) {
+      logger.Info("tasks run again");
+      toldReason.clear();
     }
-    return reason.empty();
+    return permission.answer;
   } catch (const std::bad_alloc&) {
-    return false;
+    return Permission::Answer::No;
   }
 }
 

@@ -17,8 +17,8 @@ class Logger;
 // Runs registered tasks on worker threads of its own, by their timing and whenever they are launched; see
 // TaskTable for what is promised of launches and failures.
 //
-// Before each run the obstacle function is asked; while it gives a reason, runs count as failed ones and are
-// tried again as those are. Each new reason is logged once.
+// Before each run the gate is asked. A run that it refuses counts as a failed one and is tried again as those
+// are; each new reason is logged once. One that it puts off is tried again soon, without a word.
 //
 // An exception that leaves a task ends at the worker: it is logged with the task's name, and the task stays.
 //
@@ -26,10 +26,16 @@ class Logger;
 // thread is to be had. Destruction waits for running tasks.
 class TaskScheduler {
  public:
-  // Why no task may run now, or an empty text. Called on the workers, one at a time.
-  using Obstacle = std::function<std::string()>;
+  struct Permission {
+    enum class Answer { Yes, NotYet, No };
+    Answer answer = Answer::Yes;
+    std::string reason;  // of a No
+  };
 
-  TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Obstacle obstacleToRuns = nullptr);
+  // Whether a task may run now. Called on the workers, one at a time.
+  using Gate = std::function<Permission()>;
+
+  TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Gate gateBeforeRuns = nullptr);
   ~TaskScheduler();
   TaskScheduler(const TaskScheduler&) = delete;
   TaskScheduler& operator=(const TaskScheduler&) = delete;
@@ -44,8 +50,8 @@ class TaskScheduler {
   void PauseAndWait(unsigned id);
   void Unregister(unsigned id);
 
-  // Waits until nothing runs and nothing is due. True when no run since construction has failed or was kept
-  // from beginning.
+  // Waits until nothing runs and nothing is due. True when no run since construction has failed or was
+  // refused.
   bool WaitUntilIdle();
 
  private:
@@ -53,12 +59,12 @@ class TaskScheduler {
   void RunLocked(std::unique_lock<std::mutex>& lock, unsigned id);  // lets go of the lock while the task runs
   void StopWorkers();
 
-  bool MayRun();
+  Permission::Answer AskGate();
 
   Logger& logger;
-  const Obstacle obstacle;
-  std::mutex obstacleMutex;  // guards toldObstacle; makes calls of obstacle exclusive
-  std::string toldObstacle;
+  const Gate gate;
+  std::mutex gateMutex;  // guards toldReason; makes calls of the gate exclusive
+  std::string toldReason;
   std::mutex mutex;  // guards everything below it but the threads
   std::condition_variable changed;
   std::condition_variable ended;

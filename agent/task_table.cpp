@@ -116,7 +116,7 @@ unsigned TaskTable::Begin(Time now) {
   return first;
 }
 
-void TaskTable::End(unsigned id, bool succeeded, Time began, Time now) {
+void TaskTable::End(unsigned id, Outcome outcome, Time began, Time now) {
   const auto found = tasks.find(id);
   if (found == tasks.end()) {
     return;
@@ -139,11 +139,17 @@ void TaskTable::End(unsigned id, bool succeeded, Time began, Time now) {
     }
   }
   task.due = task.timer;
-  if (succeeded) {
-    task.retryWait = milliseconds::zero();
-  } else {
-    task.retryWait = std::clamp(task.retryWait * 2, firstRetry, longestRetry);
-    task.due = Earlier(task.due, now + task.retryWait);
+  switch (outcome) {
+    case Outcome::Done:
+      task.retryWait = milliseconds::zero();
+      break;
+    case Outcome::Failed:
+      task.retryWait = std::clamp(task.retryWait * 2, firstRetry, longestRetry);
+      task.due = Earlier(task.due, now + task.retryWait);
+      break;
+    case Outcome::PutOff:
+      task.due = Earlier(task.due, now + firstRetry);
+      break;
   }
   if (task.launchedWhileRunning) {
     task.due = now;

@@ -56,8 +56,14 @@ class TaskTable {
   // The id of a task that is due, which counts as running from now on; 0 when none is.
   unsigned Begin(Time now);
 
+  enum class Outcome {
+    Done,
+    Failed,
+    PutOff,  // nothing was run, and nothing is wrong: again after firstRetry, or at the next launch
+  };
+
   // Ends the run that Begin started.
-  void End(unsigned id, bool succeeded, Time began, Time now);
+  void End(unsigned id, Outcome outcome, Time began, Time now);
 
   // Null for an unknown id.
   const Task* Find(unsigned id) const;

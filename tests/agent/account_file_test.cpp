@@ -3,11 +3,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "tests/agent/descriptor_limit.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
@@ -43,6 +47,18 @@ TEST_F(AccountFileTest, ATimeBeyondTheCalendarIsNoObstacleAndHidesNone) {
 
 TEST_F(AccountFileTest, AMissingFileIsLeftToTheModuleToReport) { EXPECT_EQ(ObstacleToReading(path), ""); }
 
+TEST_F(AccountFileTest, Fault22ALackOfDescriptorsIsAnObstacleUntilItIsOver) {
+  WriteFile(path, "root:x:0:0::/:/bin/sh\n");
+  {
+    const DescriptorLimit none(0);
+    EXPECT_EQ(ObstacleToReading(path), path + ": Too many open files");
+  }
+  {
+    const DescriptorLimit one(1);
+    EXPECT_EQ(ObstacleToReading(path), "");
+  }
+}
+
 TEST_F(AccountFileTest, WhatIsNoFileIsAnObstacle) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   EXPECT_EQ(ObstacleToReading(path), path + " is not a regular file");
@@ -57,6 +73,53 @@ TEST_F(AccountFileTest, AFileBeyondTheLimitIsAnObstacle) {
   EXPECT_EQ(ObstacleToReading(path), "");
   ASSERT_EQ(truncate(path.c_str(), limit + 1), 0);
   EXPECT_EQ(ObstacleToReading(path), path + " is larger than 256 MiB");
+}
+
+using Answer = TaskScheduler::Permission::Answer;
+
+class ReadingGateTest : public testing::Test {
+ protected:
+  static std::optional<FileStatus> Regular(std::uint64_t size) {
+    FileStatus status = FileStatus();
+    status.regular = true;
+    status.size = size;
+    return status;
+  }
+
+  Answer AskAt(int ms, const std::optional<FileStatus>& status) {
+    return gate
+        .Ask("/passwd", status, ReadingGate::Time(std::chrono::hours(1)) + std::chrono::milliseconds(ms))
+        .answer;
+  }
+
+  ReadingGate gate;
+};
+
+TEST_F(ReadingGateTest, AFileWithContentAndOneThatIsMissingMayBeRead) {
+  EXPECT_EQ(AskAt(0, Regular(1)), Answer::Yes);
+  EXPECT_EQ(AskAt(0, std::nullopt), Answer::Yes);
+}
+
+TEST_F(ReadingGateTest, WhatIsNoFileIsRefusedWithTheReason) {
+  const TaskScheduler::Permission permission = gate.Ask("/passwd", FileStatus(), ReadingGate::Time());
+  EXPECT_EQ(permission.answer, Answer::No);
+  EXPECT_EQ(permission.reason, "/passwd is not a regular file");
+}
+
+TEST_F(ReadingGateTest, AnEmptyFileIsReadOnceItHasBeenEmptyForASecond) {
+  EXPECT_EQ(AskAt(0, Regular(0)), Answer::NotYet);
+  EXPECT_EQ(AskAt(400, Regular(0)), Answer::NotYet);
+  EXPECT_EQ(AskAt(999, Regular(0)), Answer::NotYet);
+  EXPECT_EQ(AskAt(1000, Regular(0)), Answer::Yes);
+  EXPECT_EQ(AskAt(1001, Regular(0)), Answer::Yes);
+}
+
+TEST_F(ReadingGateTest, EachTimeThatTheFileIsEmptyCountsAnew) {
+  EXPECT_EQ(AskAt(0, Regular(0)), Answer::NotYet);
+  EXPECT_EQ(AskAt(900, Regular(1)), Answer::Yes);
+  EXPECT_EQ(AskAt(1000, Regular(0)), Answer::NotYet);
+  EXPECT_EQ(AskAt(1999, Regular(0)), Answer::NotYet);
+  EXPECT_EQ(AskAt(2000, Regular(0)), Answer::Yes);
 }
 
 }  // namespace

@@ -354,16 +354,18 @@ TEST_F(TaskSchedulerTest, AnExceptionIsLoggedWithTheNameOfTheTaskWhichGoesOn) {
   EXPECT_EQ(runs.Count(), 3);
 }
 
-TEST_F(TaskSchedulerTest, NoTaskBeginsWhileThereIsAnObstacleAndTheLogSaysSoOnce) {
+using Permission = TaskScheduler::Permission;
+
+TEST_F(TaskSchedulerTest, NoTaskBeginsWhileTheGateRefusesAndTheLogSaysSoOnce) {
   std::atomic<bool> blocked{true};
   Tally questions;
   Tally runs;
   Job job = {[&] { runs.Add(); }};
-  const auto obstacle = [&] {
+  const auto gate = [&] {
     questions.Add();
-    return std::string(blocked ? "the road is closed" : "");
+    return blocked ? Permission{Permission::Answer::No, "the road is closed"} : Permission();
   };
-  scheduler = std::make_unique<TaskScheduler>(1, logger, obstacle);
+  scheduler = std::make_unique<TaskScheduler>(1, logger, gate);
   const unsigned id = Register(job);
 
   scheduler->Launch(id);
@@ -381,6 +383,23 @@ TEST_F(TaskSchedulerTest, NoTaskBeginsWhileThereIsAnObstacleAndTheLogSaysSoOnce)
   EXPECT_NE(told, std::string::npos) << log;
   EXPECT_EQ(log.find("tasks wait", told + 1), std::string::npos) << log;
   EXPECT_THAT(log, HasSubstr("tasks run again"));
+  scheduler.reset();  // before what its task uses
+}
+
+TEST_F(TaskSchedulerTest, ATaskThatTheGatePutsOffRunsSoonWithoutALaunchAndWithoutAWord) {
+  Tally questions;
+  Tally runs;
+  Job job = {[&] { runs.Add(); }};
+  const auto gate = [&] {
+    questions.Add();
+    return Permission{questions.Count() == 1 ? Permission::Answer::NotYet : Permission::Answer::Yes, ""};
+  };
+  scheduler = std::make_unique<TaskScheduler>(1, logger, gate);
+  scheduler->Launch(Register(job));
+  ASSERT_TRUE(runs.Reaches(1));
+  EXPECT_EQ(questions.Count(), 2);
+  EXPECT_TRUE(scheduler->WaitUntilIdle()) << "nothing has failed";
+  EXPECT_EQ(written.Text(), "");
   scheduler.reset();  // before what its task uses
 }
 

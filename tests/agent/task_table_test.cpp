@@ -67,7 +67,8 @@ class TaskTableTest : public testing::Test {
         break;
       }
       starts.push_back(Ms(*due));
-      table.End(id, succeeded, *due, *due + milliseconds(duration));
+      table.End(id, succeeded ? TaskTable::Outcome::Done : TaskTable::Outcome::Failed, *due,
+                *due + milliseconds(duration));
     }
     return starts;
   }
@@ -103,7 +104,7 @@ TEST_F(TaskTableTest, ATaskThatOutlastsItsPeriodDoesNotRunTwiceAtATime) {
 TEST_F(TaskTableTest, AWorkerThatIsLateSkipsTheRunsItMissed) {
   const unsigned id = Periodic(100, 100);
   ASSERT_EQ(table.Begin(At(1030)), id);
-  table.End(id, true, At(1030), At(1040));
+  table.End(id, TaskTable::Outcome::Done, At(1030), At(1040));
   EXPECT_THAT(Starts(1350), ElementsAre(1130, 1230, 1330));
 }
 
@@ -148,7 +149,7 @@ TEST_F(TaskTableTest, LaunchesDuringARunAreExactlyOneRunAfterIt) {
   for (int i = 11; i < 1000; ++i) {
     table.Launch(id, At(i));
   }
-  table.End(id, true, At(10), At(1000));
+  table.End(id, TaskTable::Outcome::Done, At(10), At(1000));
   EXPECT_THAT(Starts(100000), ElementsAre(1000));
 }
 
@@ -157,10 +158,10 @@ TEST_F(TaskTableTest, ALaunchDuringTheRunThatAnotherOneAskedForCountsAgain) {
   table.Launch(id, At(10));
   ASSERT_EQ(table.Begin(At(10)), id);
   table.Launch(id, At(11));
-  table.End(id, true, At(10), At(20));
+  table.End(id, TaskTable::Outcome::Done, At(10), At(20));
   ASSERT_EQ(table.Begin(At(20)), id);
   table.Launch(id, At(21));
-  table.End(id, true, At(20), At(30));
+  table.End(id, TaskTable::Outcome::Done, At(20), At(30));
   EXPECT_THAT(Starts(100000), ElementsAre(30));
 }
 
@@ -172,8 +173,8 @@ TEST_F(TaskTableTest, ALaunchOfNobodyIsIgnored) {
   table.Pause(id + 1);
   table.Unregister(0);
   table.Unregister(id + 1);
-  table.End(0, true, At(1), At(1));
-  table.End(id + 1, false, At(1), At(1));
+  table.End(0, TaskTable::Outcome::Done, At(1), At(1));
+  table.End(id + 1, TaskTable::Outcome::Failed, At(1), At(1));
   EXPECT_EQ(table.NextDue(), std::nullopt);
   EXPECT_EQ(table.Begin(At(1)), 0u);
   EXPECT_EQ(table.Find(0), nullptr);
@@ -198,7 +199,7 @@ TEST_F(TaskTableTest, ATaskPausedDuringItsRunDoesNotRunAgain) {
     table.Launch(id, At(101));
     table.Pause(id);
     EXPECT_TRUE(table.IsRunning(id));
-    table.End(id, succeeded, At(100), At(102));
+    table.End(id, succeeded ? TaskTable::Outcome::Done : TaskTable::Outcome::Failed, At(100), At(102));
     EXPECT_FALSE(table.IsRunning(id));
     EXPECT_EQ(table.NextDue(), std::nullopt) << "succeeded: " << succeeded;
     table.Unregister(id);
@@ -216,7 +217,7 @@ TEST_F(TaskTableTest, AnUnregisteredTaskIsForgottenAtOnceOrWhenItsRunEnds) {
   table.Unregister(running);
   EXPECT_TRUE(table.IsRunning(running)) << "the worker still reads its record";
   table.Launch(running, At(102));
-  table.End(running, false, At(100), At(103));
+  table.End(running, TaskTable::Outcome::Failed, At(100), At(103));
   EXPECT_EQ(table.Find(running), nullptr);
   EXPECT_EQ(table.NextDue(), std::nullopt);
 }
@@ -274,6 +275,27 @@ TEST_F(TaskTableTest, ARetryWaitsNoLongerThanTheTimer) {
   EXPECT_THAT(Starts(21000, 0, false), ElementsAre(0, 1000, 3000, 5000, 10000, 15000, 20000));
 }
 
+TEST_F(TaskTableTest, ATaskThatWasPutOffIsDueASecondLaterHoweverOftenAndLeavesTheRetriesAlone) {
+  const unsigned id = OnLaunch();
+  TaskTable::Time now = At(0);
+  table.Launch(id, now);
+  const auto run = [&](TaskTable::Outcome outcome) {
+    EXPECT_EQ(table.Begin(now), id);
+    table.End(id, outcome, now, now);
+    const milliseconds wait =
+        table.NextDue() ? std::chrono::duration_cast<milliseconds>(*table.NextDue() - now) : milliseconds(-1);
+    now += wait;
+    return wait;
+  };
+  EXPECT_EQ(run(TaskTable::Outcome::PutOff), milliseconds(1000));
+  EXPECT_EQ(run(TaskTable::Outcome::PutOff), milliseconds(1000));
+  EXPECT_EQ(run(TaskTable::Outcome::Failed), milliseconds(1000));
+  EXPECT_EQ(run(TaskTable::Outcome::Failed), milliseconds(2000));
+  EXPECT_EQ(run(TaskTable::Outcome::PutOff), milliseconds(1000));
+  EXPECT_EQ(run(TaskTable::Outcome::Failed), milliseconds(4000));
+  EXPECT_EQ(run(TaskTable::Outcome::Done), milliseconds(-1));
+}
+
 TEST_F(TaskTableTest, ALaunchDuringTheWaitOfAFailedTaskRunsItAtOnce) {
   const unsigned id = OnLaunch();
   table.Launch(id, At(0));
@@ -287,7 +309,7 @@ TEST_F(TaskTableTest, ALaunchDuringARunThatFailsIsAnsweredAtOnce) {
   table.Launch(id, At(0));
   ASSERT_EQ(table.Begin(At(0)), id);
   table.Launch(id, At(1));
-  table.End(id, false, At(0), At(2));
+  table.End(id, TaskTable::Outcome::Failed, At(0), At(2));
   EXPECT_THAT(Starts(100000), ElementsAre(2));
 }
 
@@ -320,10 +342,10 @@ TEST_F(TaskTableTest, IdleIsATableWhereNothingRunsAndNothingIsDue) {
   ASSERT_EQ(table.Begin(At(100)), id);
   EXPECT_FALSE(table.IsIdle(At(100)));
   table.Launch(id, At(101));
-  table.End(id, true, At(100), At(102));
+  table.End(id, TaskTable::Outcome::Done, At(100), At(102));
   EXPECT_FALSE(table.IsIdle(At(102)));
   ASSERT_EQ(table.Begin(At(102)), id);
-  table.End(id, true, At(102), At(103));
+  table.End(id, TaskTable::Outcome::Done, At(102), At(103));
   EXPECT_TRUE(table.IsIdle(At(103)));
   table.Launch(id, At(104));
   EXPECT_FALSE(table.IsIdle(At(104)));
@@ -342,7 +364,7 @@ TEST_F(TaskTableTest, TimesBeyondTheClockNeitherOverflowNorRunEarly) {
 
     const unsigned neverAgain = Periodic(0, time);
     ASSERT_EQ(table.Begin(At(0)), neverAgain) << time;
-    table.End(neverAgain, true, At(0), At(10));
+    table.End(neverAgain, TaskTable::Outcome::Done, At(0), At(10));
     EXPECT_EQ(table.Begin(inNinetyYears), 0u) << time;
     EXPECT_GT(table.NextDue(), inNinetyYears) << time;
     table.Unregister(neverAgain);
@@ -482,7 +504,8 @@ class RandomRun {
     auto run = running.begin();
     std::advance(run, Below(static_cast<unsigned>(running.size())));
     const bool succeeded = Below(4) != 0;
-    table.End(run->first, succeeded, run->second, now);
+    table.End(run->first, succeeded ? TaskTable::Outcome::Done : TaskTable::Outcome::Failed, run->second,
+              now);
     const auto task = tasks.find(run->first);
     if (task != tasks.end()) {
       task->second.failed = !succeeded;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -88,6 +89,33 @@ TEST_F(AgentTest, WritingTheFileAnewInPlaceDoesNotRepeatAcceptedAccounts) {
     EXPECT_EQ(agent->NextAlert(soon), AlertFor("zoe"));
     ExpectOrderlyEnd(*agent);
   }
+}
+
+TEST_F(AgentTest, AFileThatIsEmptyForAMomentWhileItIsReadRepeatsNothing) {
+  const std::string content = rootAndAlice + RootLine("toor") + "\n";
+  etc.WritePasswd(content);
+  const auto agent = Watching({"--check-interval", "0"});
+  EXPECT_EQ(agent->NextAlert(soon), AlertFor("toor"));
+  // The rename asks for a reading at once, and that one finds an empty file.
+  etc.ReplacePasswd("");
+  std::this_thread::sleep_for(
+      std::chrono::milliseconds(300));  // the writer's own time, not a wait for the agent
+  etc.WritePasswd(content);
+  ExpectSilence(*agent);
+  ExpectOrderlyEnd(*agent);
+}
+
+TEST_F(AgentTest, AFileThatStaysEmptyIsRead) {
+  const std::string content = rootAndAlice + RootLine("toor") + "\n";
+  etc.WritePasswd(content);
+  const auto agent = Watching({"--check-interval", "0"});
+  EXPECT_EQ(agent->NextAlert(soon), AlertFor("toor"));
+  Readings readings;
+  etc.ReplacePasswd("");
+  ASSERT_TRUE(readings.WaitForOne());
+  etc.ReplacePasswd(content);
+  EXPECT_EQ(agent->NextAlert(soon), AlertFor("toor"));
+  ExpectOrderlyEnd(*agent);
 }
 
 TEST_F(AgentTest, ALineWrittenThroughADescriptorThatStaysOpenIsReported) {
