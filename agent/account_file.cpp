@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdint>
-
 #include <cstring>
 
 const char accountFilePath[] = "/etc/passwd";
@@ -15,8 +14,18 @@ namespace {
 // Far above any account file, and what a reading of it can need is still bounded.
 constexpr std::uint64_t largestMiB = 256;
 
-// A lack of the machine's: it may be over the next moment, and no event would tell.
+// Of the machine's means: it may be over the next moment, and no event would tell.
 bool IsShortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
+
+// The module would take it for a missing file, and no event tells when it is over.
+std::string ShortageAt(const std::string& path) {
+  const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (descriptor >= 0) {
+    close(descriptor);
+    return "";
+  }
+  return IsShortage(errno) ? path + " cannot be opened: " + std::strerror(errno) : "";
+}
 
 }  // namespace
 
@@ -34,12 +43,32 @@ std::string ObstacleToReading(const std::string& path, const std::optional<FileS
 }
 
 std::string ObstacleToReading(const std::string& path) {
-  return ObstacleToReading(path, FileStatus::OfPath(path));
+  const std::string shortage = ShortageForReading(path);
+  return shortage.empty() ? ObstacleToReading(path, FileStatus::OfPath(path)) : shortage;
+}
+
+std::string ShortageForReading(const std::string& path) {
+  // A descriptor that cannot be read from: whoever watches the file does not take this for a reading, and a
+  // FIFO is not waited for.
+  const int descriptor = open(path.c_str(), O_PATH | O_CLOEXEC);
+  if (descriptor < 0) {
+    return IsShortage(errno) ? path + ": " + std::strerror(errno) : "";
+  }
+  close(descriptor);
+  return "";
+}
+
+TaskScheduler::Permission ReadingGate::Ask(const std::string& path, Time now) {
+  const TaskScheduler::Permission permission = Ask(path, FileStatus::OfPath(path), now);
+  if (permission.answer != Answer::Yes) {
+    return permission;
+  }
+  const std::string shortage = ShortageAt(path);
+  return {shortage.empty() ? Answer::Yes : Answer::No, shortage};
 }
 
 TaskScheduler::Permission ReadingGate::Ask(const std::string& path, const std::optional<FileStatus>& status,
                                            Time now) {
-  using Answer = TaskScheduler::Permission::Answer;
   const std::string obstacle = ObstacleToReading(path, status);
   if (!obstacle.empty()) {
     return {Answer::No, obstacle};

@@ -180,8 +180,7 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   // A single reading has seen its file already.
   TaskScheduler scheduler(
       workerCount, logger, options.once ? TaskScheduler::Gate() : [&gate] {
-        return gate.Ask(accountFilePath, FileStatus::OfPath(accountFilePath),
-                        ReadingGate::Time::clock::now());
+        return gate.Ask(accountFilePath, ReadingGate::Time::clock::now());
       });
   FileMonitor monitor(logger, options.identityInterval);
   InstalledServices services(logger, queue, scheduler, monitor);  // the functions of host/ land here

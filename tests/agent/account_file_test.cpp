@@ -106,6 +106,21 @@ TEST_F(ReadingGateTest, WhatIsNoFileIsRefusedWithTheReason) {
   EXPECT_EQ(permission.reason, "/passwd is not a regular file");
 }
 
+TEST_F(ReadingGateTest, ALackOfDescriptorsIsNotTakenForAMissingFile) {
+  const TemporaryFolder folder;
+  const std::string path = folder.Write("passwd", "root:x:0:0::/:/bin/sh\n");
+  const auto ask = [&] { return gate.Ask(path, ReadingGate::Time()); };
+  EXPECT_EQ(ask().answer, Answer::Yes);
+  {
+    const DescriptorLimit none(0);
+    const TaskScheduler::Permission permission = ask();
+    EXPECT_EQ(permission.answer, Answer::No);
+    EXPECT_EQ(permission.reason, path + " cannot be opened: Too many open files");
+  }
+  EXPECT_EQ(ask().answer, Answer::Yes);
+  EXPECT_EQ(gate.Ask(folder.Path("none"), ReadingGate::Time()).answer, Answer::Yes);
+}
+
 TEST_F(ReadingGateTest, AnEmptyFileIsReadOnceItHasBeenEmptyForASecond) {
   EXPECT_EQ(AskAt(0, Regular(0)), Answer::NotYet);
   EXPECT_EQ(AskAt(400, Regular(0)), Answer::NotYet);
