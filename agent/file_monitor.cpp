@@ -16,7 +16,6 @@
 #include <system_error>
 #include <vector>
 
-#include "agent/logger.h"
 #include "agent/services.h"
 
 using std::chrono::milliseconds;
@@ -44,7 +43,7 @@ void LogFailure(Logger& logger, const std::string& path, const char* reason) {
 }  // namespace
 
 FileMonitor::FileMonitor(Logger& monitorLogger, milliseconds checkInterval)
-    : logger(monitorLogger), table(kernel, monitorLogger, checkInterval, Time::clock::now()) {
+    : logger(monitorLogger), kernel(monitorLogger), table(kernel, checkInterval, Time::clock::now()) {
   wakeDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wakeDescriptor < 0) {
     throw std::system_error(errno, std::generic_category(), "file monitor: eventfd");

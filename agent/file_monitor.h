@@ -13,10 +13,9 @@
 
 #include "agent/file_status.h"
 #include "agent/inotify.h"
+#include "agent/logger.h"
 #include "agent/watch_table.h"
 #include "host/file_monitor.h"
-
-class Logger;
 
 // Watches files by path and calls back after each change, on one thread of its own.
 //
@@ -55,12 +54,16 @@ class FileMonitor {
   // The watched system as it is.
   class Kernel : public WatchedSystem {
    public:
+    explicit Kernel(Logger& monitorLogger) : logger(monitorLogger) {}
+
     bool Open() override { return inotify.Open(); }
     int OpenError() const override { return inotify.IsOpen() ? 0 : inotify.OpenError(); }
     int Add(const std::string& path, std::uint32_t mask) override { return inotify.Add(path, mask); }
     void Remove(int watch) override { inotify.Remove(watch); }
     std::optional<FileStatus> Look(const std::string& path) override { return FileStatus::OfPath(path); }
+    void Tell(LogLevel level, const std::string& text) override { logger.Write(level, text); }
 
+    Logger& logger;
     Inotify inotify;
   };
 

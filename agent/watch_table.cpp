@@ -8,8 +8,6 @@
 #include <iterator>
 #include <utility>
 
-#include "agent/logger.h"
-
 using std::chrono::milliseconds;
 
 namespace {
@@ -47,13 +45,8 @@ bool IsAbsence(int error) { return error == ENOENT || error == ENOTDIR || error 
 
 }  // namespace
 
-WatchTable::WatchTable(WatchedSystem& watchedSystem, Logger& tableLogger, milliseconds checkInterval,
-                       Time now)
-    : system(watchedSystem),
-      logger(tableLogger),
-      identityInterval(checkInterval),
-      nextCheck(now),
-      nextRetry(now) {}
+WatchTable::WatchTable(WatchedSystem& watchedSystem, milliseconds checkInterval, Time now)
+    : system(watchedSystem), identityInterval(checkInterval), nextCheck(now), nextRetry(now) {}
 
 unsigned WatchTable::Add(const FileWatchRule& rule, Time now) {
   if (rule.path.empty() || rule.callback == nullptr || !*rule.callback) {
@@ -73,6 +66,7 @@ unsigned WatchTable::Add(const FileWatchRule& rule, Time now) {
     rules.erase(place);  // or it would hold the callback for ever: the caller has no handle to withdraw it by
     throw;
   }
+  place->second.settling.Clear();  // a rule that is new has nothing to report
   place->second.status = system.Look(rule.path);
   return id;
 }
@@ -94,8 +88,8 @@ std::shared_ptr<FileWatchCallback> WatchTable::Remove(unsigned id) {
 void WatchTable::Handle(const InotifyEvent& event, Time now) {
   if ((event.mask & IN_Q_OVERFLOW) != 0) {
     ++overflows;
-    logger.Warning("file monitor: the kernel dropped events (" + std::to_string(overflows) +
-                   " times so far); every watched file is reported");
+    system.Tell(LogLevel::Warning, "file monitor: the kernel dropped events (" + std::to_string(overflows) +
+                                       " times so far); every watched file is reported");
     StartOver(now);
     return;
   }
@@ -120,7 +114,7 @@ void WatchTable::Handle(const InotifyEvent& event, Time now) {
 void WatchTable::StartOver(Time when) { startOver = startOver ? std::min(*startOver, when) : when; }
 
 void WatchTable::Reopen(Time now) {
-  logger.Warning("file monitor: inotify cannot be read; everything is watched anew");
+  system.Tell(LogLevel::Warning, "file monitor: inotify cannot be read; everything is watched anew");
   system.Open();
   uses.clear();
   StartOver(now);
@@ -203,11 +197,13 @@ std::optional<WatchTable::Time> WatchTable::NextDue() const {
 
 void WatchTable::Attach(unsigned id, Rule& rule, Time now) {
   std::vector<std::pair<int, Use>> attached;
+  int folderWatch = -1;
   int refusal = system.OpenError();
   for (const WatchedPlace& place : refusal == 0 ? PlacesOf(rule.path) : std::vector<WatchedPlace>()) {
     const int watch = system.Add(place.path, EventsOf(place.role));
     if (watch >= 0) {
       attached.push_back({watch, {id, place.role, place.name}});
+      folderWatch = place.role == WatchRole::Directory ? watch : folderWatch;
     } else if (!IsAbsence(-watch)) {
       refusal = -watch;
     }
@@ -218,6 +214,11 @@ void WatchTable::Attach(unsigned id, Rule& rule, Time now) {
     fresh[watch].push_back(std::move(use));
   }
   TakeUses(std::move(fresh));
+  if (folderWatch >= 0 && folderWatch != rule.folderWatch) {
+    // What came into the folder before it was watched may be complete: no event will say so.
+    rule.settling.Add(Report::Now, now);
+  }
+  rule.folderWatch = folderWatch;
   rule.polled = refusal != 0;
   if (rule.polled) {
     nextCheck = std::min(nextCheck, now + CheckInterval());  // it may have been far off
@@ -225,12 +226,13 @@ void WatchTable::Attach(unsigned id, Rule& rule, Time now) {
   if (rule.polled && !pollingSaid) {
     pollingSaid = true;
     nextRetry = now + retryInterval;
-    logger.Warning(std::string("file monitor: inotify refused a watch (") + std::strerror(refusal) +
-                   "): " + rule.path + " is polled every " + std::to_string(CheckInterval().count()) +
-                   " ms until it is available again");
+    system.Tell(LogLevel::Warning, std::string("file monitor: inotify refused a watch (") +
+                                       std::strerror(refusal) + "): " + rule.path + " is polled every " +
+                                       std::to_string(CheckInterval().count()) +
+                                       " ms until it is available again");
   } else if (pollingSaid && !AnyPolled()) {
     pollingSaid = false;
-    logger.Info("file monitor: inotify is available again; polling ends");
+    system.Tell(LogLevel::Info, "file monitor: inotify is available again; polling ends");
   }
 }
 

@@ -12,9 +12,8 @@
 #include "agent/file_event.h"
 #include "agent/file_status.h"
 #include "agent/inotify.h"
+#include "agent/logger.h"
 #include "host/file_monitor.h"
-
-class Logger;
 
 // What a watch table asks of the system.
 class WatchedSystem {
@@ -31,6 +30,8 @@ class WatchedSystem {
 
   // Nothing when there is no such file.
   virtual std::optional<FileStatus> Look(const std::string& path) = 0;
+
+  virtual void Tell(LogLevel level, const std::string& text) = 0;
 };
 
 // The rules of a file monitor: which watches each of them holds, and when it is to be reported. Time and
@@ -53,8 +54,7 @@ class WatchTable {
 
   // The system has been opened, or refused it. checkInterval: how often the file behind each path is compared
   // with what it was; 0 turns that off.
-  WatchTable(WatchedSystem& watchedSystem, Logger& tableLogger, std::chrono::milliseconds checkInterval,
-             Time now);
+  WatchTable(WatchedSystem& watchedSystem, std::chrono::milliseconds checkInterval, Time now);
 
   // The rule's handle; 0 for a rule without a path or a callback.
   unsigned Add(const FileWatchRule& rule, Time now);
@@ -95,6 +95,7 @@ class WatchTable {
     Settling settling;
     // Before the last report, or when the rule was added; nothing: no such file.
     std::optional<FileStatus> status;
+    int folderWatch = -1;
     bool polled = false;
   };
 
@@ -119,7 +120,6 @@ class WatchTable {
   std::chrono::milliseconds CheckInterval() const;
 
   WatchedSystem& system;
-  Logger& logger;
   const std::chrono::milliseconds identityInterval;
 
   std::map<unsigned, Rule> rules;
