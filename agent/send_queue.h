@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "agent/event_sink.h"
+#include "agent/lost_events.h"
 #include "agent/minute_limit.h"
 
 class Logger;
@@ -18,10 +19,11 @@ class Logger;
 // Holds events until they are delivered, in order, so many a minute at most. What exceeds the limit waits for
 // the next minutes: dropping it would let decoys that come first in the order hide the one that matters.
 //
-// Memory is bounded: beyond longestQueue bytes of waiting events new ones are refused, counted and told.
+// Memory is bounded: beyond longestQueue bytes of waiting events new ones are lost. As soon as half of that
+// is free again, one event is queued that says how many were lost and whom they named; see LostEvents.
 //
 // Thread use: Push, Accepted and Drain on any thread; delivery on a thread of its own. Construction throws
-// std::system_error when no thread is to be had.
+// std::system_error when no thread is to be had. Nothing is delivered any more after a Drain that gave up.
 class SendQueue {
  public:
   static constexpr std::size_t longestQueue = std::size_t{64} << 20;
@@ -37,7 +39,7 @@ class SendQueue {
   // Never blocks for the sink and never throws: it is called with the detector's lock held.
   void Push(const std::string& event) noexcept;
 
-  // How many events were taken so far.
+  // How many events were taken so far, those about lost ones included.
   std::size_t Accepted() const;
 
   // Delivers what waits, without regard to the limit. Gives up after patience, if there is one; otherwise as
@@ -46,11 +48,14 @@ class SendQueue {
   bool Drain(std::optional<std::chrono::milliseconds> patience);
 
  private:
+  static std::size_t Cost(const std::string& event);
   bool AppendLocked(const std::string& event);  // false when memory is short
+  bool OwesSummaryLocked() const;
+  void AppendSummaryLocked(std::unique_lock<std::mutex>& lock);
   void Deliver();
   void DeliverDueLocked(std::unique_lock<std::mutex>& lock);
   void DeliverNextLocked(std::unique_lock<std::mutex>& lock);
-  void NoteOutcome(EventSink::Outcome outcome, std::size_t waiting, std::size_t lost);
+  void NoteOutcome(EventSink::Outcome outcome, std::size_t waiting, std::size_t lostSoFar);
 
   EventSink& sink;
   Logger& logger;
@@ -59,17 +64,20 @@ class SendQueue {
   std::condition_variable changed;
   std::condition_variable delivered;
   std::deque<std::string> events;
-  std::size_t bytes = 0;  // of all waiting events
+  std::size_t bytes = 0;  // what the waiting events cost
   std::size_t accepted = 0;
-  std::size_t refused = 0;
+  LostEvents lost;
   MinuteLimit limit;
   bool draining = false;
+  bool writing = false;    // an event is on its way to the sink
+  bool abandoned = false;  // what is left has been told: no more of it leaves
   bool stopping = false;
 
   bool outputFailed = false;  // at the last attempt
   bool deferring = false;
 
-  bool failing = false;  // the delivering thread's own
+  bool failing = false;  // the delivering thread's own, and the next
+  bool lossTold = false;
   std::thread thread;
 };
 

@@ -148,7 +148,7 @@ void TaskTable::End(unsigned id, Outcome outcome, Time began, Time now) {
       task.due = Earlier(task.due, now + task.retryWait);
       break;
     case Outcome::PutOff:
-      task.due = Earlier(task.due, now + firstRetry);
+      task.due = Earlier(task.due, now + putOffWait);
       break;
   }
   if (task.launchedWhileRunning) {

@@ -25,6 +25,7 @@ class TaskTable {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
+  static constexpr std::chrono::milliseconds putOffWait{200};
   static constexpr std::chrono::milliseconds firstRetry{1000};
   static constexpr std::chrono::milliseconds longestRetry{60000};
 
@@ -59,7 +60,7 @@ class TaskTable {
   enum class Outcome {
     Done,
     Failed,
-    PutOff,  // nothing was run, and nothing is wrong: again after firstRetry, or at the next launch
+    PutOff,  // nothing was run, and nothing is wrong: again after putOffWait, or at the next launch
   };
 
   // Ends the run that Begin started.

@@ -169,7 +169,7 @@ TEST_F(EventSinkTest, HalfALineAtTheEndOfTheFileIsFinishedFirst) {
   }
 }
 
-TEST_F(EventSinkTest, AFileThatWasRotatedIsLeftAlone) {
+TEST_F(EventSinkTest, Fault18AFileThatWasRotatedIsLeftAlone) {
   EventSink sink(path);
   EXPECT_EQ(Write(sink, "one"), "delivered");
   std::filesystem::rename(path, folder.Path("events.1"));
@@ -184,7 +184,7 @@ TEST_F(EventSinkTest, AFileThatWasRotatedIsLeftAlone) {
   EXPECT_EQ(folder.Read("events"), "made by the rotation\nthree\n");
 }
 
-TEST_F(EventSinkTest, AFileThatWasRemovedIsMadeAgain) {
+TEST_F(EventSinkTest, Fault18AFileThatWasRemovedIsMadeAgain) {
   EventSink sink(path);
   EXPECT_EQ(Write(sink, "one"), "delivered");
   std::filesystem::remove(path);
@@ -192,7 +192,7 @@ TEST_F(EventSinkTest, AFileThatWasRemovedIsMadeAgain) {
   EXPECT_EQ(folder.Read("events"), "two\n");
 }
 
-TEST_F(EventSinkTest, AFileThatWasEmptiedGetsTheNextEventAtItsBeginning) {
+TEST_F(EventSinkTest, Fault18AFileThatWasEmptiedGetsTheNextEventAtItsBeginning) {
   EventSink sink(path);
   EXPECT_EQ(Write(sink, "one"), "delivered");
   folder.Write("events", "");
@@ -231,14 +231,14 @@ TEST_F(EventSinkTest, WhatCanNeverBeWrittenIsRefusedByName) {
   }
 }
 
-TEST_F(EventSinkTest, AFullDeviceIsAFailure) {
+TEST_F(EventSinkTest, Fault16AFullDeviceIsAFailure) {
   EventSink sink("/dev/full");
   EXPECT_EQ(Write(sink, "one"), "failed");
   EXPECT_EQ(sink.Error(), "/dev/full cannot be written: No space left on device");
   EXPECT_EQ(Write(sink, "one"), "failed");
 }
 
-TEST_F(EventSinkTest, ThePartOfARecordThatAFullDiskTookIsTakenBack) {
+TEST_F(EventSinkTest, Fault16ThePartOfARecordThatAFullDiskTookIsTakenBack) {
   EventSink sink(path);
   EXPECT_EQ(Write(sink, "one"), "delivered");
   {
@@ -254,7 +254,7 @@ TEST_F(EventSinkTest, ThePartOfARecordThatAFullDiskTookIsTakenBack) {
   EXPECT_EQ(folder.Read("events"), "one\nshort\na record of many bytes\n");
 }
 
-TEST_F(EventSinkTest, AFullDiskDoesNotMakeTheSinkForgetHalfALine) {
+TEST_F(EventSinkTest, Fault16AFullDiskDoesNotMakeTheSinkForgetHalfALine) {
   folder.Write("events", "ha");
   EventSink sink(path);
   {
@@ -300,7 +300,7 @@ class SmallDisk {
   std::string path;
 };
 
-TEST_F(EventSinkTest, AFullDiskGetsNoHalfLineAndEverythingOnceThereIsRoom) {
+TEST_F(EventSinkTest, Fault16AFullDiskGetsNoHalfLineAndEverythingOnceThereIsRoom) {
   const std::string disk = folder.Path("disk");
   std::filesystem::create_directory(disk);
   const SmallDisk small(disk);
@@ -324,7 +324,7 @@ TEST_F(EventSinkTest, AFullDiskGetsNoHalfLineAndEverythingOnceThereIsRoom) {
   EXPECT_EQ(folder.Read("disk/events"), written + event + "\nnext\n");
 }
 
-TEST_F(EventSinkTest, AFifoWithoutAReaderIsAFailureUntilOneComes) {
+TEST_F(EventSinkTest, Fault16AFifoWithoutAReaderIsAFailureUntilOneComes) {
   folder.MakeFifo("events");
   EventSink sink(path);
   EXPECT_EQ(Write(sink, "one"), "failed");
@@ -335,7 +335,7 @@ TEST_F(EventSinkTest, AFifoWithoutAReaderIsAFailureUntilOneComes) {
   EXPECT_EQ(reader.Next(generous), "one");
 }
 
-TEST_F(EventSinkTest, AFifosReaderMayGoAndAnotherCome) {
+TEST_F(EventSinkTest, Fault16AFifosReaderMayGoAndAnotherCome) {
   folder.MakeFifo("events");
   EventSink sink(path);
   for (int time = 0; time < 3; ++time) {
@@ -365,7 +365,7 @@ TEST_F(EventSinkTest, ASlowReaderGetsTheWholeRecordWhenTheSameEventIsTriedAgain)
   EXPECT_THAT(lines.get(), ElementsAre(longEvent, "next"));
 }
 
-TEST_F(EventSinkTest, AReaderThatComesAfterHalfARecordGetsAllOfIt) {
+TEST_F(EventSinkTest, Fault16AReaderThatComesAfterHalfARecordGetsAllOfIt) {
   folder.MakeFifo("events");
   EventSink sink(path);
   LineReader reader(path);
@@ -379,7 +379,7 @@ TEST_F(EventSinkTest, AReaderThatComesAfterHalfARecordGetsAllOfIt) {
   EXPECT_EQ(line.get(), longEvent);
 }
 
-TEST_F(EventSinkTest, PatienceIsWhatAStuckReaderCosts) {
+TEST_F(EventSinkTest, Fault16PatienceIsWhatAStuckReaderCosts) {
   folder.MakeFifo("events");
   EventSink sink(path);
   LineReader reader(path);
@@ -431,7 +431,7 @@ TEST_F(StandardOutputTest, IsWrittenAndLeftAsItIs) {
   EXPECT_GE(fcntl(STDOUT_FILENO, F_GETFD), 0);
 }
 
-TEST_F(StandardOutputTest, BlocksNoLongerThanThePatienceAndGoesOn) {
+TEST_F(StandardOutputTest, Fault16BlocksNoLongerThanThePatienceAndGoesOn) {
   std::vector<std::string> outcomes;
   std::vector<std::string> lines;
   {

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -143,7 +144,7 @@ TEST_F(SendQueueTest, AnEmptyQueueIsDrainedAtOnce) {
   EXPECT_EQ(queue->Accepted(), 0U);
 }
 
-TEST_F(SendQueueTest, EventsBeyondTheLimitWaitAndAreNotLost) {
+TEST_F(SendQueueTest, Fault13EventsBeyondTheLimitWaitAndAreNotLost) {
   folder.MakeFifo("events");
   LineReader reader(path);
   Open(2);
@@ -160,7 +161,7 @@ TEST_F(SendQueueTest, EventsBeyondTheLimitWaitAndAreNotLost) {
   EXPECT_THAT(RestOfLog(), ElementsAre());
 }
 
-TEST_F(SendQueueTest, ManyEventsBeyondTheLimitAreOneWarningAndKeepTheirOrder) {
+TEST_F(SendQueueTest, Fault13ManyEventsBeyondTheLimitAreOneWarningAndKeepTheirOrder) {
   folder.MakeFifo("events");
   LineReader reader(path);
   Open(2);
@@ -177,7 +178,7 @@ TEST_F(SendQueueTest, ManyEventsBeyondTheLimitAreOneWarningAndKeepTheirOrder) {
   EXPECT_THAT(RestOfLog(), ElementsAre());
 }
 
-TEST_F(SendQueueTest, TheLimitHoldsAgainAfterADrain) {
+TEST_F(SendQueueTest, Fault13TheLimitHoldsAgainAfterADrain) {
   folder.MakeFifo("events");
   LineReader reader(path);
   Open(1);
@@ -190,7 +191,7 @@ TEST_F(SendQueueTest, TheLimitHoldsAgainAfterADrain) {
   EXPECT_EQ(reader.Next(generous), "ccc");
 }
 
-TEST_F(SendQueueTest, AReaderThatResumesGetsEveryRecordWhole) {
+TEST_F(SendQueueTest, Fault16AReaderThatResumesGetsEveryRecordWhole) {
   folder.MakeFifo("events");
   LineReader reader(path);
   Open(noLimit);
@@ -204,7 +205,7 @@ TEST_F(SendQueueTest, AReaderThatResumesGetsEveryRecordWhole) {
                                                              "[0-4] are still waiting")));
 }
 
-TEST_F(SendQueueTest, ADrainOfAStuckReaderGivesUpAndNamesWhatIsLeft) {
+TEST_F(SendQueueTest, Fault16ADrainOfAStuckReaderGivesUpAndNamesWhatIsLeft) {
   folder.MakeFifo("events");
   LineReader reader(path);
   Open(noLimit);
@@ -240,7 +241,7 @@ TEST_F(SendQueueTest, ADrainWithoutPatienceGivesUpOnAnOutputThatFails) {
   EXPECT_THAT(RestOfLog(), testing::Contains("error send queue: not delivered: toor"));
 }
 
-TEST_F(SendQueueTest, APushDoesNotWaitForAStuckReader) {
+TEST_F(SendQueueTest, Fault15APushDoesNotWaitForAStuckReader) {
   folder.MakeFifo("events");
   LineReader reader(path);
   Open(noLimit);
@@ -254,7 +255,7 @@ TEST_F(SendQueueTest, APushDoesNotWaitForAStuckReader) {
   EXPECT_EQ(queue->Accepted(), 1001U);
 }
 
-TEST_F(SendQueueTest, AReaderThatGoesAndReturnsGetsWhatWasPushedMeanwhile) {
+TEST_F(SendQueueTest, Fault16AReaderThatGoesAndReturnsGetsWhatWasPushedMeanwhile) {
   folder.MakeFifo("events");
   auto reader = std::make_unique<LineReader>(path);
   Open(noLimit);
@@ -273,7 +274,7 @@ TEST_F(SendQueueTest, AReaderThatGoesAndReturnsGetsWhatWasPushedMeanwhile) {
                                "info send queue: .*/events takes events again; [12] are still waiting")));
 }
 
-TEST_F(SendQueueTest, AFullDeviceIsToldOnceAndNothingIsDropped) {
+TEST_F(SendQueueTest, Fault16AFullDeviceIsToldOnceAndNothingIsDropped) {
   Open("/dev/full", noLimit);
   Push({"one"});
   EXPECT_EQ(log.Next(),
@@ -291,7 +292,7 @@ TEST_F(SendQueueTest, AFullDeviceIsToldOnceAndNothingIsDropped) {
   EXPECT_THAT(RestOfLog(), ElementsAreArray(twice));
 }
 
-TEST_F(SendQueueTest, WhatFailedIsTriedAgainWithoutAnotherEvent) {
+TEST_F(SendQueueTest, Fault16WhatFailedIsTriedAgainWithoutAnotherEvent) {
   std::filesystem::create_directory(folder.Path("inner"));
   Open(folder.Path("inner/events"), noLimit);
   std::filesystem::remove_all(folder.Path("inner"));
@@ -305,26 +306,89 @@ TEST_F(SendQueueTest, WhatFailedIsTriedAgainWithoutAnotherEvent) {
   EXPECT_EQ(folder.Read("inner/events"), "one\n");
 }
 
-TEST_F(SendQueueTest, AQueueThatIsFullRefusesCountsAndTells) {
+// A text of that length as the queue counts it, with a user's name.
+std::string LongAlert(const std::string& name, std::size_t cost) {
+  const std::string text = R"({"userName":")" + name + R"("} )";
+  return text + std::string(cost - text.size() - sizeof(std::string) - 16, '.');
+}
+
+TEST_F(SendQueueTest, Fault14AFullQueueLosesWithASummaryThatSaysHowManyAndWhom) {
   folder.MakeFifo("events");  // without a reader
   Open(noLimit);
-  const std::vector<std::string> events = Events(4, SendQueue::longestQueue / 4);
+  const std::vector<std::string> events = {
+      LongAlert("a", SendQueue::longestQueue / 4), LongAlert("b", SendQueue::longestQueue / 4),
+      LongAlert("c", SendQueue::longestQueue / 4), LongAlert("d", SendQueue::longestQueue / 4)};
   Push(events);
   EXPECT_EQ(queue->Accepted(), 4U);
-  Push({"x"});
-  Push({"y"});
+  Push({R"({"userName":"x"})", R"({"userName":"y"})", "z"});
   EXPECT_EQ(queue->Accepted(), 4U);
   EXPECT_EQ(log.Next(), "warning send queue: " + path + " has no reader; events are kept and tried again");
+  EXPECT_EQ(log.Next(), "error send queue: full with 4 events; more are being lost");
 
   std::filesystem::remove(path);  // a file takes its place, which has room for everything
   EXPECT_TRUE(queue->Drain(generous));
-  Push({"z"});
+  Push({"later"});
   EXPECT_TRUE(queue->Drain(generous));
-  EXPECT_EQ(queue->Accepted(), 5U);
-  EXPECT_TRUE(folder.Read("events") == Lines(events) + "z\n");
-  EXPECT_THAT(RestOfLog(),
-              ElementsAre("info send queue: " + path + " takes events again; 3 are still waiting",
-                          "error send queue: 2 events were lost: the queue was full"));
+  EXPECT_EQ(queue->Accepted(), 6U);
+  static const std::regex time(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)");
+  EXPECT_TRUE(
+      std::regex_replace(folder.Read("events").substr(Lines(events).size()), time, "TIME") ==
+      R"({"eventType":"lost-alerts","eventTime":"TIME","eventContent":{"count":3,"userNames":["x","y"],"unnamed":1}})"
+      "\nlater\n")
+      << folder.Read("events").substr(Lines(events).size());
+  EXPECT_TRUE(folder.Read("events").substr(0, Lines(events).size()) == Lines(events));
+}
+
+TEST_F(SendQueueTest, Fault14TheSummaryDoesNotWaitForTheEnd) {
+  folder.MakeFifo("events");  // without a reader
+  Open(noLimit);
+  const std::string half = LongAlert("half", SendQueue::longestQueue / 2);
+  Push({half, half, R"({"userName":"x"})"});
+  EXPECT_EQ(log.Next(), "warning send queue: " + path + " has no reader; events are kept and tried again");
+  EXPECT_EQ(log.Next(), "error send queue: full with 2 events; more are being lost");
+  std::filesystem::remove(path);
+  EXPECT_EQ(log.Next(), "info send queue: " + path + " takes events again; 1 are still waiting");
+  EXPECT_EQ(log.Next(),
+            "error send queue: 1 events were lost: the queue was full; one that says so takes their place");
+  EXPECT_TRUE(queue->Drain(generous));
+  const std::string written = folder.Read("events");
+  EXPECT_TRUE(written.substr(0, 2 * half.size() + 2) == Lines({half, half}));
+  EXPECT_THAT(written.substr(2 * half.size() + 2), testing::HasSubstr(R"("count":1,"userNames":["x"])"));
+}
+
+TEST_F(SendQueueTest, Fault14AHundredThousandAlertsAtOnceAreAllDelivered) {
+  Open(noLimit);
+  const std::vector<std::string> events = Events(100000, 220);
+  Push(events);
+  EXPECT_EQ(queue->Accepted(), events.size());
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_TRUE(folder.Read("events") == Lines(events));
+}
+
+TEST_F(SendQueueTest, Fault14AnEventIsEitherDeliveredOrToldAsNotDelivered) {
+  folder.MakeFifo("events");
+  LineReader reader(path);
+  Open(noLimit);
+  const std::vector<std::string> events = Events(80, 1000);  // more than the FIFO holds
+  Push(events);
+  EXPECT_FALSE(queue->Drain(brief));
+  // The reader wakes while the last attempt may still be waiting for it.
+  std::vector<std::string> outcome;
+  while (outcome.size() < events.size()) {
+    const std::string line = reader.Next(milliseconds(500));
+    if (line.front() == '[') {
+      break;
+    }
+    outcome.push_back(line);
+  }
+  EXPECT_LT(outcome.size(), events.size());
+  for (const std::string& record : RestOfLog()) {
+    const std::string told = "error send queue: not delivered: ";
+    if (record.rfind(told, 0) == 0) {
+      outcome.push_back(record.substr(told.size()));
+    }
+  }
+  EXPECT_THAT(outcome, ElementsAreArray(events));
 }
 
 TEST_F(SendQueueTest, EventsOfManyThreadsAreAllThereInTheOrderOfEachThread) {

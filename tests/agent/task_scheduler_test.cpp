@@ -141,7 +141,7 @@ TEST_F(TaskSchedulerTest, TasksRunSideBySide) {
   EXPECT_EQ(met, 2);
 }
 
-TEST_F(TaskSchedulerTest, AHundredThousandLaunchesDuringARunAreOneRunThatReadsTheLastChange) {
+TEST_F(TaskSchedulerTest, Fault01AHundredThousandLaunchesDuringARunAreOneRunThatReadsTheLastChange) {
   Latch inside;
   Latch release;
   std::atomic<int> version{0};
@@ -173,7 +173,7 @@ TEST_F(TaskSchedulerTest, AHundredThousandLaunchesDuringARunAreOneRunThatReadsTh
   EXPECT_THAT(read, testing::ElementsAre(0, 100000));
 }
 
-TEST_F(TaskSchedulerTest, WhileEightThreadsLaunchATaskNeverRunsTwiceAtATimeAndReadsTheLastChange) {
+TEST_F(TaskSchedulerTest, Fault02WhileEightThreadsLaunchATaskNeverRunsTwiceAtATimeAndReadsTheLastChange) {
   std::atomic<int> version{0};
   std::atomic<int> running{0};
   std::atomic<int> most{0};
@@ -207,7 +207,7 @@ TEST_F(TaskSchedulerTest, WhileEightThreadsLaunchATaskNeverRunsTwiceAtATimeAndRe
   EXPECT_LE(runs, 100000);
 }
 
-TEST_F(TaskSchedulerTest, APauseWaitsForARunningTask) {
+TEST_F(TaskSchedulerTest, Fault04APauseWaitsForARunningTask) {
   // Given a task that goes on until the pause has returned, which a pause that waits never lets happen
   Latch inside;
   Tally pauseReturned;
@@ -228,7 +228,7 @@ TEST_F(TaskSchedulerTest, APauseWaitsForARunningTask) {
   scheduler.reset();
 }
 
-TEST_F(TaskSchedulerTest, APauseFromInsideTheTaskReturnsAndTheTaskMayEvenForgetItself) {
+TEST_F(TaskSchedulerTest, Fault04APauseFromInsideTheTaskReturnsAndTheTaskMayEvenForgetItself) {
   Latch ran;
   unsigned id = 0;
   Latch known;
@@ -269,7 +269,7 @@ TEST_F(TaskSchedulerTest, ATaskMayPauseAnother) {
   EXPECT_EQ(endedBefore, 1);
 }
 
-TEST_F(TaskSchedulerTest, NothingStartsAfterAPauseWhateverTimerOrLaunchRaces) {
+TEST_F(TaskSchedulerTest, Fault04NothingStartsAfterAPauseWhateverTimerOrLaunchRaces) {
   for (int round = 0; round < 20; ++round) {
     Tally runs;
     std::atomic<bool> paused{false};
@@ -302,7 +302,7 @@ TEST_F(TaskSchedulerTest, NothingStartsAfterAPauseWhateverTimerOrLaunchRaces) {
   }
 }
 
-TEST_F(TaskSchedulerTest, CallsForATaskThatDoesNotExistAreHarmless) {
+TEST_F(TaskSchedulerTest, Fault03CallsForATaskThatDoesNotExistAreHarmless) {
   Tally runs;
   Job job = {[&] { runs.Add(); }};
   const unsigned gone = Register(job);
@@ -326,7 +326,7 @@ TEST_F(TaskSchedulerTest, ATaskWithoutAFunctionIsRefused) {
   EXPECT_EQ(scheduler->Register(TASKTYPE_PERIODIC, TASK_CONDITION(), nullptr, nullptr, "nothing"), 0u);
 }
 
-TEST_F(TaskSchedulerTest, AnExceptionIsLoggedWithTheNameOfTheTaskWhichGoesOn) {
+TEST_F(TaskSchedulerTest, Fault05AnExceptionIsLoggedWithTheNameOfTheTaskWhichGoesOn) {
   Tally runs;
   Job job = {[&] {
     runs.Add();
@@ -403,7 +403,7 @@ TEST_F(TaskSchedulerTest, ATaskThatTheGatePutsOffRunsSoonWithoutALaunchAndWithou
   scheduler.reset();  // before what its task uses
 }
 
-TEST_F(TaskSchedulerTest, AFailedTaskIsTriedAgainWithoutALaunch) {
+TEST_F(TaskSchedulerTest, Fault05AFailedTaskIsTriedAgainWithoutALaunch) {
   Tally runs;
   Job job = {[&] {
     runs.Add();

@@ -105,6 +105,7 @@ class World {
   void TakeWriterStep();
   void Do(const Planned& planned);
   void NoteChange(Step step);
+  microseconds PutOff() const;
   void TurnOfOthers();
   void TakeMonitorTurn();
   void TakeWorkerStep();
@@ -166,6 +167,7 @@ class World {
   Content before{{}, 0};            // what the last reading that got through has seen
   std::vector<std::string> alerts;  // of the reading that is being published
   bool failNextAlert = false;
+  int failures = 0;
   bool mistakeMade = false;
   std::optional<Time> answer;  // when the first reading after the last change began
   std::optional<Content> lastSeen;
@@ -234,7 +236,7 @@ void World::PlanWay() {
   for (unsigned changes = 1 + Below(2); changes > 0; --changes) {
     wanted.accounts[Below(Content::count)] = static_cast<Presence>(Below(3));
   }
-  switch (Below(14)) {
+  switch (Below(16)) {
     case 0:  // an account tool
       Plan(Step::CloseOldUnwritten, AnyPause());
       Plan(Step::Rename, AnyPause());
@@ -307,6 +309,23 @@ void World::PlanWay() {
       Plan(Step::MakeFolder, AnyPause());
       Plan(Step::Rename, AnyPause());
       break;
+    case 13:  // emptied, and left so
+      wanted = Content();
+      Plan(Step::Open, AnyPause());
+      Plan(Step::Truncate, AnyPause());
+      Plan(Step::Close, AnyPause());
+      break;
+    case 14:  // written to without a pause that would let it settle
+      if (Chance(4)) {
+        Plan(Step::Open, AnyPause());
+        Plan(Step::WriteWhole, AnyPause());
+        for (int more = 0; more < 60; ++more) {
+          Plan(Step::WriteWhole, milliseconds(60));
+        }
+        Plan(Step::Close, AnyPause());
+        break;
+      }
+      [[fallthrough]];
     default:
       Plan(Step::Touch, AnyPause());
       Plan(Step::Others, AnyPause());
@@ -419,7 +438,7 @@ void World::NoteChange(Step step) {
     toldSince = now;  // what waits to be told of the old target counts no more
     promptness = checkInterval + Settling::longest;
   }
-  if (step == Step::Close && visible && !unseenLink && now < toldSince + promptness) {
+  if (step == Step::Close && visible && visible->halves > 0 && !unseenLink && now < toldSince + promptness) {
     toldSince = now;  // the writer is done
     promptness = microseconds(0);
   }
@@ -443,10 +462,14 @@ void World::NoteChange(Step step) {
   if (unseenLink) {  // no event tells of it, nor of what is written behind it: a stat does
     promptness = std::max(promptness, microseconds(checkInterval + Settling::longest));
   }
-  if (visible && visible->halves == 0) {
-    promptness += ReadingGate::longestEmpty + milliseconds(50);
-  }
+  promptness += PutOff();
   toldSince = now;
+}
+
+// How long the reading of an empty file may wait.
+microseconds World::PutOff() const {
+  const bool empty = kernel.Resolve() != SimulatedKernel::none && kernel.Of(kernel.Resolve()).halves == 0;
+  return empty ? ReadingGate::longestEmpty + TaskTable::putOffWait : milliseconds(0);
 }
 
 // Between two answers of the kernel, time passes and the writer may be at work.
@@ -572,11 +595,12 @@ void World::EndReading() {
     }
     alerts.clear();
     // An event may fail to be built: the next reading must make up for it.
-    failNextAlert = plan.size() - nextStep > 2 && Chance(20);
+    failNextAlert = failures < 2 && Chance(20);
     try {
       MessageBus::Publish<const std::vector<PasswdInfo>&>("detect_user", snapshot);
     } catch (const std::bad_alloc&) {
       failed = true;
+      ++failures;
       Say("worker", "fails");
     }
     failNextAlert = false;
@@ -692,7 +716,7 @@ void World::TakeControlStep() {
   tasks.LaunchAll(now);
   lastChange = now;
   toldSince = now;
-  promptness = microseconds(0);
+  promptness = PutOff();
   answer.reset();
 }
 
@@ -817,7 +841,7 @@ void World::Check() {
   // Where inotify was refused, files are polled until it is asked again.
   const microseconds polling =
       refused ? microseconds(WatchTable::pollInterval + Settling::longest) : microseconds(0);
-  const Time limit = std::max(toldSince, latest) + std::max(promptness, polling) + milliseconds(20);
+  const Time limit = std::max(toldSince, latest) + promptness + polling + milliseconds(20);
   if (!answer) {
     Fail("no reading began after the last change");
     return;
