@@ -156,6 +156,7 @@ class World {
   Time latest;  // when all of them will have been given their turn
   std::optional<Reading> reading;
   bool timerRuns = false;
+  bool busy = false;  // threads do not run as soon as they could
 
   // The control thread.
   std::vector<Time> controlTimes;
@@ -729,6 +730,7 @@ std::string World::Run() {
     refusalEnds = now + milliseconds(Below(4000));
   }
   timerRuns = Chance(2);
+  busy = Chance(2);
   kernel.Open();
   StartModule(detectionOn);
   started = true;
@@ -766,7 +768,7 @@ std::string World::Run() {
     const bool workerReady = reading || (taskDue && *taskDue <= now);
 
     // Threads are kept waiting now and then, as by a busy machine.
-    if (writing && Chance(6)) {
+    if (busy && writing && Chance(6)) {
       Time& notBefore = Chance(2) ? monitorNotBefore : workerNotBefore;
       notBefore = now + (Chance(10) ? microseconds(500000) : microseconds(Below(3000)));
       latest = std::max(latest, notBefore);
