@@ -17,9 +17,10 @@ constexpr std::uint64_t largestMiB = 256;
 // Of the machine's means: it may be over the next moment, and no event would tell.
 bool IsShortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
 
-// The module would take it for a missing file, and no event tells when it is over.
+// The module would take it for a missing file. Opened in a way that cannot be read from: a FIFO is not waited
+// for, and whoever watches the file does not take this for a reading.
 std::string ShortageAt(const std::string& path) {
-  const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  const int descriptor = open(path.c_str(), O_PATH | O_CLOEXEC);
   if (descriptor >= 0) {
     close(descriptor);
     return "";
@@ -43,19 +44,8 @@ std::string ObstacleToReading(const std::string& path, const std::optional<FileS
 }
 
 std::string ObstacleToReading(const std::string& path) {
-  const std::string shortage = ShortageForReading(path);
+  const std::string shortage = ShortageAt(path);
   return shortage.empty() ? ObstacleToReading(path, FileStatus::OfPath(path)) : shortage;
-}
-
-std::string ShortageForReading(const std::string& path) {
-  // A descriptor that cannot be read from: whoever watches the file does not take this for a reading, and a
-  // FIFO is not waited for.
-  const int descriptor = open(path.c_str(), O_PATH | O_CLOEXEC);
-  if (descriptor < 0) {
-    return IsShortage(errno) ? path + ": " + std::strerror(errno) : "";
-  }
-  close(descriptor);
-  return "";
 }
 
 TaskScheduler::Permission ReadingGate::Ask(const std::string& path, Time now) {

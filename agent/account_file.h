@@ -18,10 +18,6 @@ extern const char accountFilePath[];
 std::string ObstacleToReading(const std::string& path, const std::optional<FileStatus>& status);
 std::string ObstacleToReading(const std::string& path);
 
-// Whether the descriptor that a reading takes, or memory for it, is lacking just now; if so, in words. The
-// module would take it for a file that cannot be read, and read again at its next event or timer only.
-std::string ShortageForReading(const std::string& path);
-
 // Decides before each reading whether it may begin.
 //
 // An empty account file is most likely one that is being written anew, right after its truncation. Read then,

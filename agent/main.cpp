@@ -175,14 +175,18 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   // Declaration order is lifetime: read it bottom-up to see the shutdown.
   Logger logger(options.logLevel);
   EventSink sink = OrFail(EXIT_OUTPUT, [&] { return EventSink(options.outputPath); });
-  SendQueue queue(sink, logger, options.once ? 0 : options.eventsPerMinute);
+  SendQueue queue = Started(
+      "send queue", [&] { return SendQueue(sink, logger, options.once ? 0 : options.eventsPerMinute); });
   ReadingGate gate;
   // A single reading has seen its file already.
-  TaskScheduler scheduler(
-      workerCount, logger, options.once ? TaskScheduler::Gate() : [&gate] {
-        return gate.Ask(accountFilePath, ReadingGate::Time::clock::now());
-      });
-  FileMonitor monitor(logger, options.identityInterval);
+  TaskScheduler scheduler = Started("task scheduler", [&] {
+    return TaskScheduler(
+        workerCount, logger, options.once ? TaskScheduler::Gate() : [&gate] {
+          return gate.Ask(accountFilePath, ReadingGate::Time::clock::now());
+        });
+  });
+  FileMonitor monitor =
+      Started("file monitor", [&] { return FileMonitor(logger, options.identityInterval); });
   InstalledServices services(logger, queue, scheduler, monitor);  // the functions of host/ land here
   // Last: unloaded while everything that it calls still stands.
   const LoadedModule module = OrFail(EXIT_MODULE, [&] { return LoadedModule(modulePath); });

@@ -1,13 +1,22 @@
 #include "agent/module_loader.h"
 
 #include <dlfcn.h>
+#include <elf.h>
+#include <link.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <ios>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <type_traits>
 
+#include "agent/file_status.h"
 #include "module/detect_user.h"
 
 namespace {
@@ -26,9 +35,54 @@ std::string WithSlash(const std::string& path) {
   return path.find('/') == std::string::npos ? "./" + path : path;
 }
 
+constexpr bool bigEndian = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__;
+
+template <typename Header>
+bool ReadAt(std::istream& file, std::uint64_t position, Header& header) {
+  file.seekg(static_cast<std::streamoff>(position));
+  return static_cast<bool>(file.read(reinterpret_cast<char*>(&header), sizeof(header)));
+}
+
+// Where the parts of the file end that its own headers speak of; nothing when it is not of this machine's
+// kind, of which the loader says more.
+std::optional<std::uint64_t> EndAccordingToHeaders(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  ElfW(Ehdr) header;
+  if (!ReadAt(file, 0, header) || std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
+      header.e_ident[EI_CLASS] != (sizeof(void*) == 8 ? ELFCLASS64 : ELFCLASS32) ||
+      header.e_ident[EI_DATA] != (bigEndian ? ELFDATA2MSB : ELFDATA2LSB)) {
+    return std::nullopt;
+  }
+  std::uint64_t end = header.e_shoff + std::uint64_t{header.e_shnum} * header.e_shentsize;
+  for (std::uint64_t number = 0; number < header.e_phnum; ++number) {
+    const std::uint64_t position = header.e_phoff + number * sizeof(ElfW(Phdr));
+    ElfW(Phdr) segment;
+    if (!ReadAt(file, position, segment)) {
+      return std::max(end, position + sizeof(segment));
+    }
+    end = std::max<std::uint64_t>(end, std::uint64_t{segment.p_offset} + segment.p_filesz);
+  }
+  return end;
+}
+
+// What the loader does not look at: it waits for the writer of a FIFO, and maps a file that was cut short,
+// whose missing part then ends the process at the first touch.
+void RequireWholeFile(const std::string& path) {
+  const std::optional<FileStatus> status = FileStatus::OfPath(path);
+  if (status && !status->regular) {
+    throw std::runtime_error("module " + path + ": not a regular file");
+  }
+  const std::optional<std::uint64_t> end = status ? EndAccordingToHeaders(path) : std::nullopt;
+  if (end && *end > status->size) {
+    throw std::runtime_error("module " + path + ": the file is cut short: it has " +
+                             std::to_string(status->size) + " bytes of " + std::to_string(*end));
+  }
+}
+
 }  // namespace
 
 LoadedModule::LoadedModule(const std::string& path) : file(path) {
+  RequireWholeFile(file);
   dlerror();
   // Everything is resolved now: a service that is missing fails here, by name, and not at the first alert.
   library = dlopen(WithSlash(file).c_str(), RTLD_NOW | RTLD_LOCAL);

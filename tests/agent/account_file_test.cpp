@@ -51,7 +51,7 @@ TEST_F(AccountFileTest, Fault22ALackOfDescriptorsIsAnObstacleUntilItIsOver) {
   WriteFile(path, "root:x:0:0::/:/bin/sh\n");
   {
     const DescriptorLimit none(0);
-    EXPECT_EQ(ObstacleToReading(path), path + ": Too many open files");
+    EXPECT_EQ(ObstacleToReading(path), path + " cannot be opened: Too many open files");
   }
   {
     const DescriptorLimit one(1);

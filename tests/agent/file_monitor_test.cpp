@@ -534,7 +534,7 @@ TEST_F(FileMonitorTest, RemovingWhatIsNotWatchedIsHarmless) {
   monitor->Remove(rule);
 }
 
-TEST_F(FileMonitorTest, AfterARemovalTheCallbackIsReleasedAndNotCalled) {
+TEST_F(FileMonitorTest, Fault12AfterARemovalTheCallbackIsReleasedAndNotCalled) {
   Start();
   Reports reports(file);
   FileWatchRule rule = Watch(file, reports.Callback());
@@ -552,7 +552,7 @@ TEST_F(FileMonitorTest, AfterARemovalTheCallbackIsReleasedAndNotCalled) {
   EXPECT_EQ(reports.Paths(), before);
 }
 
-TEST_F(FileMonitorTest, ARemovalWaitsForARunningCallback) {
+TEST_F(FileMonitorTest, Fault12ARemovalWaitsForARunningCallback) {
   // Given a callback that goes on until the removal has returned, which one that waits never lets happen
   Start();
   Latch inside;
@@ -574,7 +574,7 @@ TEST_F(FileMonitorTest, ARemovalWaitsForARunningCallback) {
   monitor.reset();
 }
 
-TEST_F(FileMonitorTest, ARemovalDoesNotWaitForTheCallbackOfAnotherRule) {
+TEST_F(FileMonitorTest, Fault12ARemovalDoesNotWaitForTheCallbackOfAnotherRule) {
   const std::string otherFile = folder.Path("another");
   Start();
   Latch inside;
@@ -610,7 +610,7 @@ TEST_F(FileMonitorTest, DestructionWaitsForARunningCallback) {
   destroyed.Add();
 }
 
-TEST_F(FileMonitorTest, ACallbackMayRemoveItsOwnRule) {
+TEST_F(FileMonitorTest, Fault12ACallbackMayRemoveItsOwnRule) {
   Start();
   Latch known;
   Tally removals;
@@ -634,7 +634,7 @@ TEST_F(FileMonitorTest, ACallbackMayRemoveItsOwnRule) {
   EXPECT_EQ(removals.Count(), 1);
 }
 
-TEST_F(FileMonitorTest, ACallbackMayAddAndRemoveOtherRules) {
+TEST_F(FileMonitorTest, Fault12ACallbackMayAddAndRemoveOtherRules) {
   const std::string otherFile = folder.Path("another");
   Start();
   Reports ofOther(otherFile);
@@ -681,7 +681,7 @@ TEST_F(FileMonitorTest, AChangeDuringACallbackIsReportedAfterIt) {
 class FileMonitorFailureTest : public FileMonitorTest,
                                public testing::WithParamInterface<std::function<void()>> {};
 
-TEST_P(FileMonitorFailureTest, ACallbackThatThrowsIsLoggedAndTriedAgain) {
+TEST_P(FileMonitorFailureTest, Fault12ACallbackThatThrowsIsLoggedAndTriedAgain) {
   Start();
   Reports reports(file);
   Tally calls;
@@ -702,7 +702,7 @@ TEST_P(FileMonitorFailureTest, ACallbackThatThrowsIsLoggedAndTriedAgain) {
 INSTANTIATE_TEST_SUITE_P(Throws, FileMonitorFailureTest,
                          testing::Values([] { throw std::runtime_error("the reason"); }, [] { throw 42; }));
 
-TEST_F(FileMonitorTest, ACallbackMayThrowAfterItRemovedItsOwnRule) {
+TEST_F(FileMonitorTest, Fault12ACallbackMayThrowAfterItRemovedItsOwnRule) {
   Start();
   Latch known;
   Tally calls;
@@ -722,7 +722,7 @@ TEST_F(FileMonitorTest, ACallbackMayThrowAfterItRemovedItsOwnRule) {
   EXPECT_EQ(calls.Count(), 1);
 }
 
-TEST_F(FileMonitorTest, AfterTheKernelDroppedEventsEveryFileIsReported) {
+TEST_F(FileMonitorTest, Fault08AfterTheKernelDroppedEventsEveryFileIsReported) {
   std::size_t longestQueue = 0;
   std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> longestQueue;
   ASSERT_GT(longestQueue, 0u);
@@ -758,7 +758,7 @@ TEST_F(FileMonitorTest, AfterTheKernelDroppedEventsEveryFileIsReported) {
                         "watched file is reported\n"));
 }
 
-TEST_F(FileMonitorTest, PollingIsSaidOnceHoweverManyRulesItServes) {
+TEST_F(FileMonitorTest, Fault09PollingIsSaidOnceHoweverManyRulesItServes) {
   StartWithoutInotify(milliseconds(20));
   const std::string otherFile = folder.Path("another");
   Reports reports(file);
@@ -776,7 +776,7 @@ TEST_F(FileMonitorTest, PollingIsSaidOnceHoweverManyRulesItServes) {
   EXPECT_EQ(written.Text().find("inotify refused"), written.Text().rfind("inotify refused"));
 }
 
-TEST_F(FileMonitorTest, PollingIsSaidAgainForARuleThatComesAfterTheLastPolledOneWent) {
+TEST_F(FileMonitorTest, Fault09PollingIsSaidAgainForARuleThatComesAfterTheLastPolledOneWent) {
   StartWithoutInotify(milliseconds(20));
   const FileWatchRule first = Watch(file, Do([] {}));
   monitor->Remove(first);
@@ -787,7 +787,7 @@ TEST_F(FileMonitorTest, PollingIsSaidAgainForARuleThatComesAfterTheLastPolledOne
   EXPECT_THAT(written.Text(), HasSubstr(otherFile + " is polled every 20 ms"));
 }
 
-TEST_F(FileMonitorTest, AFileIsPolledAlsoWhereTheIdentityCheckIsOff) {
+TEST_F(FileMonitorTest, Fault09AFileIsPolledAlsoWhereTheIdentityCheckIsOff) {
   StartWithoutInotify(noChecks);
   Reports reports(file);
   Watch(file, reports.Callback());
@@ -796,7 +796,7 @@ TEST_F(FileMonitorTest, AFileIsPolledAlsoWhereTheIdentityCheckIsOff) {
   monitor.reset();
 }
 
-TEST_F(FileMonitorTest, WithoutADescriptorForTheMountTableItSaysSoAndWorks) {
+TEST_F(FileMonitorTest, Fault09WithoutADescriptorForTheMountTableItSaysSoAndWorks) {
   Logger& itsLogger = logger;  // a sanitizer that looks at this fixture below needs descriptors for that
   std::unique_ptr<FileMonitor>& made = monitor;
   {
@@ -811,7 +811,7 @@ TEST_F(FileMonitorTest, WithoutADescriptorForTheMountTableItSaysSoAndWorks) {
   EXPECT_THAT(written.Text(), HasSubstr("warning file monitor: /proc/self/mountinfo cannot be opened"));
 }
 
-TEST_F(FileMonitorTest, WithoutAnyDescriptorConstructionFailsAndSaysWhy) {
+TEST_F(FileMonitorTest, Fault07WithoutAnyDescriptorConstructionFailsAndSaysWhy) {
   const std::system_error expected(EMFILE, std::generic_category(), "file monitor: eventfd");
   Logger& itsLogger = logger;  // as above
   try {
@@ -879,7 +879,7 @@ TEST_F(FileMonitorTest, AfterABurstOfChangesTheLastOneIsSeen) {
   monitor.reset();
 }
 
-TEST_F(FileMonitorTest, RulesComeAndGoFromManyThreadsWhileTheFileChanges) {
+TEST_F(FileMonitorTest, Fault12RulesComeAndGoFromManyThreadsWhileTheFileChanges) {
   Start();
   std::atomic<bool> enough{false};
   std::thread changer([&] {

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -92,22 +93,44 @@ TEST_F(ModuleLoaderTest, EachEntryPointIsReachedAndTheEndStopsAndUnloads) {
   EXPECT_FALSE(IsMapped(VELTA_SAMPLE_MODULE));
 }
 
-TEST_F(ModuleLoaderTest, AMissingFileIsNamed) {
+TEST_F(ModuleLoaderTest, Fault21AMissingFileIsNamed) {
   EXPECT_THAT(Refusal(folder.Path("missing.so")),
               AllOf(StartsWith("module " + folder.Path("missing.so") + ": "),
                     HasSubstr("No such file or directory")));
 }
 
-TEST_F(ModuleLoaderTest, WhatIsNoSharedObjectIsNamed) {
+TEST_F(ModuleLoaderTest, Fault21WhatIsNoSharedObjectIsNamed) {
   const std::string text = folder.Write("text.so", std::string(4096, 'x'));
   EXPECT_THAT(Refusal(text), AllOf(StartsWith("module " + text + ": "), HasSubstr("invalid ELF header")));
   const std::string empty = folder.Write("empty.so", "");
   EXPECT_THAT(Refusal(empty), AllOf(StartsWith("module " + empty + ": "), HasSubstr("too short")));
-  EXPECT_THAT(Refusal(folder.Path()), StartsWith("module " + folder.Path() + ": "));
+  EXPECT_EQ(Refusal(folder.Path()), "module " + folder.Path() + ": not a regular file");
+  const std::string fifo = folder.MakeFifo("fifo.so");  // whose writer never comes
+  EXPECT_EQ(Refusal(fifo), "module " + fifo + ": not a regular file");
   EXPECT_THAT(Refusal(""), StartsWith("module : "));
 }
 
-TEST_F(ModuleLoaderTest, AModuleForAnotherMachineIsNamed) {
+// The loader maps a part of a file, and the process ends at the first touch of what is missing.
+TEST_F(ModuleLoaderTest, Fault21AModuleThatIsCutShortIsNamedWhereverItIsCut) {
+  const std::string cut = folder.Path("cut.so");
+  std::filesystem::copy_file(VELTA_SAMPLE_MODULE, cut);
+  const std::uintmax_t whole = std::filesystem::file_size(cut);
+  EXPECT_EQ(Refusal(cut), "accepted");
+  std::filesystem::resize_file(cut, whole - 1);
+  EXPECT_EQ(Refusal(cut), "module " + cut + ": the file is cut short: it has " + std::to_string(whole - 1) +
+                              " bytes of " + std::to_string(whole));
+  for (std::uintmax_t size = whole - whole % 509; size > 509; size -= 509) {
+    std::filesystem::resize_file(cut, size);
+    ASSERT_THAT(Refusal(cut), StartsWith("module " + cut + ": the file is cut short")) << size;
+  }
+  for (std::uintmax_t size = 0; size < 509; ++size) {
+    std::filesystem::resize_file(cut, size);
+    ASSERT_THAT(Refusal(cut), StartsWith("module " + cut + ": ")) << size;
+    ASSERT_FALSE(IsMapped(cut)) << size;
+  }
+}
+
+TEST_F(ModuleLoaderTest, Fault21AModuleForAnotherMachineIsNamed) {
   const std::string foreign = folder.Path("foreign.so");
   std::filesystem::copy_file(VELTA_SAMPLE_MODULE, foreign);
   {
@@ -119,14 +142,14 @@ TEST_F(ModuleLoaderTest, AModuleForAnotherMachineIsNamed) {
   EXPECT_THAT(Refusal(foreign), StartsWith("module " + foreign + ": "));
 }
 
-TEST_F(ModuleLoaderTest, AMissingEntryPointIsNamedAndTheFileIsUnloaded) {
+TEST_F(ModuleLoaderTest, Fault21AMissingEntryPointIsNamedAndTheFileIsUnloaded) {
   EXPECT_EQ(Refusal(VELTA_MODULE_WITHOUT_ENTRY_POINT),
             "module " VELTA_MODULE_WITHOUT_ENTRY_POINT ": no entry point DeinitModule");
   EXPECT_THAT(Records(), ElementsAre("loaded", "unloaded"));
   EXPECT_FALSE(IsMapped(VELTA_MODULE_WITHOUT_ENTRY_POINT));
 }
 
-TEST_F(ModuleLoaderTest, AMissingServiceIsNamedBeforeAnythingOfTheModuleRuns) {
+TEST_F(ModuleLoaderTest, Fault21AMissingServiceIsNamedBeforeAnythingOfTheModuleRuns) {
   EXPECT_THAT(Refusal(VELTA_MODULE_WITHOUT_SERVICE),
               AllOf(StartsWith("module " VELTA_MODULE_WITHOUT_SERVICE ": "), HasSubstr("undefined symbol"),
                     HasSubstr("UtilsServiceOfTomorrow")));

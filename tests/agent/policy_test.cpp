@@ -33,7 +33,7 @@ class PolicyTest : public testing::Test {
   TemporaryFolder folder;
 };
 
-TEST_F(PolicyTest, JsonIsAcceptedAndLeftAsItIs) {
+TEST_F(PolicyTest, Fault19JsonIsAcceptedAndLeftAsItIs) {
   const std::vector<std::string> texts = {
       "{}",
       defaultPolicy,
@@ -41,6 +41,9 @@ TEST_F(PolicyTest, JsonIsAcceptedAndLeftAsItIs) {
       " \t\r\n{}\n\n",
       "[]",
       "null",
+      "true",
+      "-1.5e3",
+      "[[], {}]",
       "\"text\"",
       R"({"unauthorized-root-user": {}, "unauthorized-root-user": false})",
       "{\"\xC3\xA9\": \"\\u00e9\"}",
@@ -51,7 +54,7 @@ TEST_F(PolicyTest, JsonIsAcceptedAndLeftAsItIs) {
   }
 }
 
-TEST_F(PolicyTest, WhatIsNotJsonIsRefusedWithLineAndColumn) {
+TEST_F(PolicyTest, Fault19WhatIsNotJsonIsRefusedWithLineAndColumn) {
   struct Row {
     std::string text;
     std::string place;
@@ -64,11 +67,16 @@ TEST_F(PolicyTest, WhatIsNotJsonIsRefusedWithLineAndColumn) {
       {"{\"unauthorized-root-user\": {}", "1:30"},
       {"{}\n{}", "2:1"},
       {"{} // off", "1:4"},
+      {"/* off */ {}", "1:1"},
+      {"# off\n{}", "1:1"},
       {"{'a': 1}", "1:2"},
       {"{\"a\": 1,}", "1:9"},
       {std::string("{}\0", 3), "1:3"},
       {std::string("{\"a\": \"\0\"}", 10), "1:8"},
       {std::string("\xFF\xFE{\0}\0", 6), "1:1"},
+      {std::string("\xFE\xFF\0{\0}", 6), "1:1"},
+      {std::string("{\0}\0", 4), "1:2"},
+      {"\xEF\xBB\xBF", "1:4"},
       {"{\"\xFF\": 1}", "1:3"},
   };
   for (const Row& row : rows) {
@@ -77,7 +85,7 @@ TEST_F(PolicyTest, WhatIsNotJsonIsRefusedWithLineAndColumn) {
   }
 }
 
-TEST_F(PolicyTest, WhatIsNoFileIsRefusedByNameAndNeverWaitedFor) {
+TEST_F(PolicyTest, Fault19WhatIsNoFileIsRefusedByNameAndNeverWaitedFor) {
   const std::string missing = folder.Path("missing.json");
   EXPECT_EQ(Load(missing), "policy " + missing + ": No such file or directory");
   EXPECT_EQ(Load(folder.Path()), "policy " + folder.Path() + ": not a regular file");
@@ -110,24 +118,26 @@ TEST_F(PolicyTest, ALinkToAPolicyIsFollowed) {
   EXPECT_EQ(Load(folder.Path("link.json")), "{}");
 }
 
-TEST_F(PolicyTest, TenMegabytesAreReadWhole) {
+TEST_F(PolicyTest, Fault19TenMegabytesAreReadWhole) {
   const std::string text = "{\"unauthorized-root-user\": \"" + std::string(10 * 1024 * 1024, 'x') + "\"}";
   EXPECT_TRUE(Load(folder.Write("policy.json", text)) == text);
 }
 
-TEST_F(PolicyTest, AFaultFarInIsFoundWhereItIs) {
+TEST_F(PolicyTest, Fault19AFaultFarInIsFoundWhereItIs) {
   const std::string path =
       folder.Write("policy.json", "[\n" + std::string(1000000, '\n') + std::string(1000000, ' ') + "?]");
   EXPECT_THAT(Load(path), StartsWith("policy " + path + ":1000002:1000001: "));
 }
 
-TEST_F(PolicyTest, AMillionNestedArraysAreNoCrash) {
+TEST_F(PolicyTest, Fault19AMillionNestedArraysAreNoCrash) {
   const std::string open(1000000, '[');
-  const std::string path = folder.Write("policy.json", open);
-  EXPECT_THAT(Load(path), StartsWith("policy " + path + ":1:"));
+  for (const std::string& text : {open, open + std::string(1000000, ']')}) {
+    const std::string path = folder.Write("policy.json", text);
+    EXPECT_THAT(Load(path), StartsWith("policy " + path + ":1:"));
+  }
 }
 
-TEST_F(PolicyTest, AFileWithoutEndIsRefusedUnread) {
+TEST_F(PolicyTest, Fault19AFileWithoutEndIsRefusedUnread) {
   const std::string path = folder.Write("policy.json", "{}");
   std::filesystem::resize_file(path, (std::uintmax_t{64} << 20) + 1);  // sparse
   EXPECT_EQ(Load(path), "policy " + path + ": larger than 64 MiB");

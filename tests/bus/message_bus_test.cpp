@@ -311,7 +311,7 @@ TEST_F(MessageBusTest, TheLockIsFreeWhileAHandlerRuns) {
   EXPECT_TRUE(wasFree);
 }
 
-TEST_F(MessageBusTest, ASubscriptionThatRunsOutOfMemoryIsMadeWhollyOrNotAtAll) {
+TEST_F(MessageBusTest, Fault24ASubscriptionThatRunsOutOfMemoryIsMadeWhollyOrNotAtAll) {
   const std::string topic("a topic of more characters than a string keeps in itself");
   const std::string name("a name of more characters than a string keeps in itself");
   const std::function<void(Text)> handler = [this, name](Text payload) {
@@ -345,7 +345,7 @@ TEST_F(MessageBusTest, ASubscriptionThatRunsOutOfMemoryIsMadeWhollyOrNotAtAll) {
   }
 }
 
-TEST_F(MessageBusTest, APublicationThatRunsOutOfMemoryCallsNobodyAndTheNextOneCallsAll) {
+TEST_F(MessageBusTest, Fault24APublicationThatRunsOutOfMemoryCallsNobodyAndTheNextOneCallsAll) {
   Subscribe("detect_user", "a name of more characters than a string keeps in itself", Writer("first"));
   Subscribe("detect_user", "second", Writer("second"));
   const std::string topic("detect_user");

@@ -313,7 +313,7 @@ TEST_F(PasswdReaderTest, ALoggerThatThrowsOnARepeatedNameLosesAndDoublesNoRecord
   EXPECT_EQ(Texts(users), Texts({before[0], before[2], before[3], before[4], before[5], before[6]}));
 }
 
-TEST_F(PasswdReaderTest, RunningOutOfMemoryAmongRepeatedNamesLosesAndDoublesNoRecord) {
+TEST_F(PasswdReaderTest, Fault24RunningOutOfMemoryAmongRepeatedNamesLosesAndDoublesNoRecord) {
   file.Write("");
   // Long names, so that each one that is remembered takes an allocation of its own
   const std::string pad(40, '-');
@@ -363,7 +363,7 @@ TEST_F(PasswdReaderTest, RunningOutOfMemoryAmongRepeatedNamesLosesAndDoublesNoRe
 
 // The standard line reader swallows what fails inside it: that ends the reading as the end of the file does.
 // Everything else passes to the caller.
-TEST_F(PasswdReaderTest, RunningOutOfMemoryWhileReadingNeverYieldsARecordThatIsNotInTheFile) {
+TEST_F(PasswdReaderTest, Fault24RunningOutOfMemoryWhileReadingNeverYieldsARecordThatIsNotInTheFile) {
   const std::string pad(40, '-');
   file.Write("a" + pad + ":x:1:1:c:/h:/s\nb" + pad + ":x:2:2:c:/h:/s\na" + pad + ":x:3:3:c:/h:/s\n");
   const std::vector<std::string> lines = {"a" + pad + ":1:1:/h:/s", "b" + pad + ":2:2:/h:/s",

@@ -381,7 +381,7 @@ TEST_F(UnauthorizedRootUserTest, ALockThatFailsReachesThePublisherAndNothingElse
 }
 
 TEST_F(UnauthorizedRootUserTest,
-       ADetectionThatRunsOutOfMemoryThrowsAndTheSameSnapshotAlertsInFullAfterwards) {
+       Fault24ADetectionThatRunsOutOfMemoryThrowsAndTheSameSnapshotAlertsInFullAfterwards) {
   const Snapshot before = {Account("an account with a long name, known before", 1000), Account("bob", 0)};
   const Snapshot after = {Account("an account with a long name, known before", 0), Account("bob", 0),
                           Account("root", 0), Account("toor", 0)};

@@ -487,7 +487,7 @@ TEST_F(DetectUserTest, WhatTheLaunchThrowsPassesThroughTheFileEventAndTheNextEve
   EXPECT_EQ(StartModule(rootPolicy), 1);
 }
 
-TEST_F(DetectUserTest, NoAlertIsLostWhenARunRunsOutOfMemory) {
+TEST_F(DetectUserTest, Fault24NoAlertIsLostWhenARunRunsOutOfMemory) {
   const std::string name("an account whose name is longer than a string keeps in itself");
   ASSERT_EQ(StartModule(rootPolicy), 1);
   bool exhausted = false;

@@ -78,7 +78,7 @@ std::vector<std::string> AlertsIn(const std::string& text) {
 }
 
 AgentProcess::AgentProcess(const std::vector<std::string>& arguments, const Circumstances& circumstances) {
-  std::vector<std::string> words;
+  std::vector<std::string> words = circumstances.launcher;
   std::istringstream emulator(VELTA_EMULATOR);
   for (std::string word; emulator >> word;) {
     words.push_back(word);

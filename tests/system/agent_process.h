@@ -32,6 +32,7 @@ std::vector<std::string> AlertsIn(const std::string& text);
 // What an agent process finds when it begins.
 struct Circumstances {
   std::string program = VELTA_AGENT_FILE;
+  std::vector<std::string> launcher;  // the words of a program that prepares something and becomes the agent
   std::vector<std::string> environment;  // "NAME=value", on top of the test's own
   std::vector<int> closed;               // descriptors that it starts without
   bool ordinaryUser = false;
