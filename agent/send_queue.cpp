@@ -1,5 +1,6 @@
 #include "agent/send_queue.h"
 
+#include <algorithm>
 #include <ctime>
 #include <new>
 #include <utility>
@@ -20,10 +21,19 @@ constexpr milliseconds drainRetryInterval{100};  // an end has little time
 
 MinuteLimit::Time Now() { return MinuteLimit::Time::clock::now(); }
 
+// No limit stays none, and any limit leaves room for a finding a minute.
+unsigned ShareOfFindings(unsigned eventsPerMinute) {
+  return eventsPerMinute / 4 + (eventsPerMinute % 4 == 0 ? 0 : 1);
+}
+
 }  // namespace
 
 SendQueue::SendQueue(EventSink& eventSink, Logger& queueLogger, unsigned eventsPerMinute)
-    : sink(eventSink), logger(queueLogger), limit(eventsPerMinute), thread([this] { Deliver(); }) {}
+    : sink(eventSink),
+      logger(queueLogger),
+      lanes{Waiting(longestQueue, eventsPerMinute),
+            Waiting(longestFindings, ShareOfFindings(eventsPerMinute))},
+      thread([this] { Deliver(); }) {}
 
 SendQueue::~SendQueue() {
   {
@@ -34,28 +44,44 @@ SendQueue::~SendQueue() {
   thread.join();
 }
 
-void SendQueue::Push(const std::string& event) noexcept {
+void SendQueue::Push(const std::string& event, Lane lane) noexcept {
   {
     std::lock_guard<std::mutex> lock(mutex);
-    if (bytes + Cost(event) > longestQueue || !AppendLocked(event)) {
-      lost.Add(event);  // told by the delivering thread
+    Waiting& waiting = lanes[lane == Lane::Alerts ? 0 : 1];
+    if (waiting.bytes + Waiting::Cost(event) <= waiting.longest && waiting.Append(event)) {
+      ++accepted;
+    } else {
+      waiting.lost.Add(event);  // told by the delivering thread
     }
   }
   changed.notify_one();
 }
 
 // With what the containers take for it.
-std::size_t SendQueue::Cost(const std::string& event) { return event.size() + sizeof(std::string) + 16; }
+std::size_t SendQueue::Waiting::Cost(const std::string& event) {
+  return event.size() + sizeof(std::string) + 16;
+}
 
-bool SendQueue::AppendLocked(const std::string& event) {
+bool SendQueue::Waiting::Append(const std::string& event) {
   try {
     events.push_back(event);
   } catch (const std::bad_alloc&) {
     return false;
   }
   bytes += Cost(event);
-  ++accepted;
   return true;
+}
+
+bool SendQueue::IsEmptyLocked() const {
+  return std::all_of(lanes.begin(), lanes.end(), [](const Waiting& lane) { return lane.IsEmpty(); });
+}
+
+std::size_t SendQueue::CountLocked() const {
+  std::size_t count = 0;
+  for (const Waiting& lane : lanes) {
+    count += lane.events.size();
+  }
+  return count;
 }
 
 std::size_t SendQueue::Accepted() const {
@@ -68,43 +94,49 @@ bool SendQueue::Drain(std::optional<milliseconds> patience) {
   draining = true;
   outputFailed = false;
   changed.notify_all();
-  const auto isOver = [this, &patience] {
-    return (events.empty() && lost.Count() == 0) || (outputFailed && !patience);
-  };
+  const auto isOver = [this, &patience] { return IsEmptyLocked() || (outputFailed && !patience); };
   if (patience) {
     delivered.wait_for(lock, *patience, isOver);
   } else {
     delivered.wait(lock, isOver);
   }
   draining = false;
-  if (events.empty() && lost.Count() == 0) {
+  if (IsEmptyLocked()) {
     return true;
   }
   // The attempt that is being made ends first: an event is either delivered or told, never both.
   abandoned = true;
   delivered.wait(lock, [this] { return !writing; });
-  if (events.empty() && lost.Count() == 0) {
+  if (IsEmptyLocked()) {
     return true;
   }
-  logger.Error("send queue: " + std::to_string(events.size()) + " events could not be delivered to " +
+  logger.Error("send queue: " + std::to_string(CountLocked()) + " events could not be delivered to " +
                sink.Name());
-  for (const std::string& event : events) {
-    logger.Error("send queue: not delivered: " + event);
-  }
-  if (lost.Count() > 0) {
-    logger.Error("send queue: not delivered: " + lost.Summary(UtcTimeText(std::time(nullptr))));
+  for (const Waiting& lane : lanes) {
+    TellLeftLocked(lane);
   }
   return false;
+}
+
+void SendQueue::TellLeftLocked(const Waiting& lane) {
+  for (const std::string& event : lane.events) {
+    logger.Error("send queue: not delivered: " + event);
+  }
+  if (lane.lost.Count() > 0) {
+    logger.Error("send queue: not delivered: " + lane.lost.Summary(UtcTimeText(std::time(nullptr))));
+  }
 }
 
 void SendQueue::Deliver() {
   std::unique_lock<std::mutex> lock(mutex);
   while (!stopping) {
     try {
-      if (OwesSummaryLocked()) {
-        AppendSummaryLocked(lock);
+      for (Waiting& lane : lanes) {
+        if (OwesSummaryLocked(lane)) {
+          AppendSummaryLocked(lock, lane);
+        }
       }
-      if (events.empty() || abandoned) {
+      if (CountLocked() == 0 || abandoned) {
         changed.wait(lock);
       } else {
         DeliverDueLocked(lock);
@@ -121,16 +153,16 @@ void SendQueue::Deliver() {
   }
 }
 
-bool SendQueue::OwesSummaryLocked() const {
-  return lost.Count() > 0 && !abandoned && (draining || bytes <= longestQueue / 2);
+bool SendQueue::OwesSummaryLocked(const Waiting& lane) const {
+  return lane.lost.Count() > 0 && !abandoned && (draining || lane.bytes <= lane.longest / 2);
 }
 
-void SendQueue::AppendSummaryLocked(std::unique_lock<std::mutex>& lock) {
-  events.push_back(lost.Summary(UtcTimeText(std::time(nullptr))));
-  bytes += Cost(events.back());
+void SendQueue::AppendSummaryLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) {
+  lane.events.push_back(lane.lost.Summary(UtcTimeText(std::time(nullptr))));
+  lane.bytes += Waiting::Cost(lane.events.back());
   ++accepted;
-  const std::size_t count = lost.Count();
-  lost.Clear();
+  const std::size_t count = lane.lost.Count();
+  lane.lost.Clear();
   lossTold = false;
   lock.unlock();
   logger.Error("send queue: " + std::to_string(count) +
@@ -140,40 +172,58 @@ void SendQueue::AppendSummaryLocked(std::unique_lock<std::mutex>& lock) {
 
 void SendQueue::DeliverDueLocked(std::unique_lock<std::mutex>& lock) {
   const MinuteLimit::Time now = Now();
-  const MinuteLimit::Time admission = draining ? now : limit.NextAdmission(now);
-  if (admission <= now) {
-    DeliverNextLocked(lock);
-  } else if (deferring) {
-    changed.wait_until(lock, admission);
-  } else {
-    deferring = true;
-    const std::size_t waiting = events.size();
-    lock.unlock();
-    logger.Warning("send queue: the limit of events a minute is reached; " + std::to_string(waiting) +
-                   " or more wait for the next minute");
-    lock.lock();
+  if (begun != nullptr) {  // nothing may come between the parts of a record
+    DeliverNextLocked(lock, *begun);
+    return;
   }
+  MinuteLimit::Time next = MinuteLimit::Time::max();
+  for (Waiting& lane : lanes) {
+    if (lane.events.empty()) {
+      continue;
+    }
+    const MinuteLimit::Time admission = draining ? now : lane.limit.NextAdmission(now);
+    if (admission <= now) {
+      DeliverNextLocked(lock, lane);
+      return;
+    }
+    if (!lane.deferring) {
+      TellDeferringLocked(lock, lane);
+      return;
+    }
+    next = std::min(next, admission);
+  }
+  changed.wait_until(lock, next);
 }
 
-void SendQueue::DeliverNextLocked(std::unique_lock<std::mutex>& lock) {
-  const std::string& event = events.front();  // stays where it is while others are pushed behind it
+void SendQueue::TellDeferringLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) {
+  lane.deferring = true;
+  const std::size_t waiting = lane.events.size();
+  lock.unlock();
+  logger.Warning("send queue: the limit of events a minute is reached; " + std::to_string(waiting) +
+                 " or more wait for the next minute");
+  lock.lock();
+}
+
+void SendQueue::DeliverNextLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) {
+  const std::string& event = lane.events.front();  // stays where it is while others are pushed behind it
   writing = true;
   lock.unlock();
   const EventSink::Outcome outcome = sink.Write(event, sinkPatience);
   lock.lock();
   writing = false;
+  begun = outcome == EventSink::Outcome::Blocked ? &lane : nullptr;
   if (outcome == EventSink::Outcome::Delivered) {
-    limit.Count(Now());
-    bytes -= Cost(event);
-    events.pop_front();
-    deferring = deferring && !events.empty();
+    lane.limit.Count(Now());
+    lane.bytes -= Waiting::Cost(event);
+    lane.events.pop_front();
+    lane.deferring = lane.deferring && !lane.events.empty();
   }
   outputFailed = outcome == EventSink::Outcome::Failed;
-  if (events.empty() || outputFailed || abandoned) {
+  if (IsEmptyLocked() || outputFailed || abandoned) {
     delivered.notify_all();
   }
-  const std::size_t waiting = events.size();
-  const std::size_t lostSoFar = lost.Count();
+  const std::size_t waiting = CountLocked();
+  const std::size_t lostSoFar = lanes[0].lost.Count() + lanes[1].lost.Count();
   lock.unlock();
   NoteOutcome(outcome, waiting, lostSoFar);
   lock.lock();

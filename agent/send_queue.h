@@ -1,6 +1,7 @@
 #ifndef VELTA_AGENT_SEND_QUEUE_H
 #define VELTA_AGENT_SEND_QUEUE_H
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -26,7 +27,10 @@ class Logger;
 // std::system_error when no thread is to be had. Nothing is delivered any more after a Drain that gave up.
 class SendQueue {
  public:
-  static constexpr std::size_t longestQueue = std::size_t{64} << 20;
+  enum class Lane { Alerts, Findings };
+
+  static constexpr std::size_t longestQueue = std::size_t{64} << 20;  // bytes, of alerts
+  static constexpr std::size_t longestFindings = std::size_t{8} << 20;
 
   // 0 events a minute: no limit.
   SendQueue(EventSink& eventSink, Logger& queueLogger, unsigned eventsPerMinute);
@@ -37,7 +41,7 @@ class SendQueue {
   SendQueue& operator=(const SendQueue&) = delete;
 
   // Never blocks for the sink and never throws: it is called with the detector's lock held.
-  void Push(const std::string& event) noexcept;
+  void Push(const std::string& event, Lane lane = Lane::Alerts) noexcept;
 
   // How many events were taken so far, those about lost ones included.
   std::size_t Accepted() const;
@@ -48,13 +52,31 @@ class SendQueue {
   bool Drain(std::optional<std::chrono::milliseconds> patience);
 
  private:
-  static std::size_t Cost(const std::string& event);
-  bool AppendLocked(const std::string& event);  // false when memory is short
-  bool OwesSummaryLocked() const;
-  void AppendSummaryLocked(std::unique_lock<std::mutex>& lock);
+  struct Waiting {
+    Waiting(std::size_t longestBytes, unsigned eventsPerMinute)
+        : longest(longestBytes), limit(eventsPerMinute) {}
+
+    static std::size_t Cost(const std::string& event);
+    bool Append(const std::string& event);  // false when memory is short
+    bool IsEmpty() const { return events.empty() && lost.Count() == 0; }
+
+    const std::size_t longest;
+    std::deque<std::string> events;
+    std::size_t bytes = 0;  // what the events cost
+    LostEvents lost;
+    MinuteLimit limit;
+    bool deferring = false;
+  };
+
+  bool IsEmptyLocked() const;
+  std::size_t CountLocked() const;
+  bool OwesSummaryLocked(const Waiting& lane) const;
+  void AppendSummaryLocked(std::unique_lock<std::mutex>& lock, Waiting& lane);
+  void TellLeftLocked(const Waiting& lane);
   void Deliver();
   void DeliverDueLocked(std::unique_lock<std::mutex>& lock);
-  void DeliverNextLocked(std::unique_lock<std::mutex>& lock);
+  void TellDeferringLocked(std::unique_lock<std::mutex>& lock, Waiting& lane);
+  void DeliverNextLocked(std::unique_lock<std::mutex>& lock, Waiting& lane);
   void NoteOutcome(EventSink::Outcome outcome, std::size_t waiting, std::size_t lostSoFar);
 
   EventSink& sink;
@@ -63,18 +85,15 @@ class SendQueue {
   mutable std::mutex mutex;  // guards what follows, down to the thread's own
   std::condition_variable changed;
   std::condition_variable delivered;
-  std::deque<std::string> events;
-  std::size_t bytes = 0;  // what the waiting events cost
+  std::array<Waiting, 2> lanes;  // in the order in which they get their turn
+  Waiting* begun = nullptr;      // the lane whose first event the output may hold a part of
   std::size_t accepted = 0;
-  LostEvents lost;
-  MinuteLimit limit;
   bool draining = false;
   bool writing = false;    // an event is on its way to the sink
   bool abandoned = false;  // what is left has been told: no more of it leaves
   bool stopping = false;
 
   bool outputFailed = false;  // at the last attempt
-  bool deferring = false;
 
   bool failing = false;  // the delivering thread's own, and the next
   bool lossTold = false;

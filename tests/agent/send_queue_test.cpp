@@ -391,6 +391,58 @@ TEST_F(SendQueueTest, Fault14AnEventIsEitherDeliveredOrToldAsNotDelivered) {
   EXPECT_THAT(outcome, ElementsAreArray(events));
 }
 
+TEST_F(SendQueueTest, FindingsHaveAQuarterOfTheLimitBesideTheAlerts) {
+  Open(8);
+  for (int number = 0; number < 20; ++number) {
+    queue->Push("finding " + std::to_string(number), SendQueue::Lane::Findings);
+  }
+  EXPECT_EQ(
+      log.Next(),
+      "warning send queue: the limit of events a minute is reached; 18 or more wait for the next minute");
+  EXPECT_EQ(folder.Read("events"), "finding 0\nfinding 1\n");
+  Push(Events(8));  // all of the limit is theirs
+  Push({"the ninth"});
+  EXPECT_EQ(
+      log.Next(),
+      "warning send queue: the limit of events a minute is reached; 1 or more wait for the next minute");
+  EXPECT_EQ(folder.Read("events"), "finding 0\nfinding 1\n" + Lines(Events(8)));
+  EXPECT_TRUE(queue->Drain(generous));
+  const std::string written = folder.Read("events");
+  EXPECT_THAT(written, testing::HasSubstr("event 7\nthe ninth\nfinding 2\n")) << "alerts first";
+  EXPECT_THAT(written, testing::EndsWith("finding 18\nfinding 19\n"));
+}
+
+TEST_F(SendQueueTest, AnAlertThatComesBetweenTheAttemptsOfAFindingDoesNotSplitIt) {
+  folder.MakeFifo("events");
+  LineReader reader(path);
+  Open(noLimit);
+  const std::string large(100000, 'f');  // more than the FIFO holds
+  queue->Push(large, SendQueue::Lane::Findings);
+  EXPECT_EQ(log.Next(),
+            "warning send queue: " + path + " is not being read; events are kept and tried again");
+  Push({"alert"});
+  EXPECT_TRUE(reader.Next(generous) == large);
+  EXPECT_EQ(reader.Next(generous), "alert");
+}
+
+TEST_F(SendQueueTest, AFloodOfFindingsTakesNoRoomOfTheAlerts) {
+  folder.MakeFifo("events");  // without a reader
+  Open(noLimit);
+  const std::string large = LongAlert("large", SendQueue::longestFindings / 2);
+  for (int number = 0; number < 5; ++number) {
+    queue->Push(large, SendQueue::Lane::Findings);
+  }
+  EXPECT_EQ(queue->Accepted(), 2U);
+  Push({"alert"});
+  EXPECT_EQ(queue->Accepted(), 3U);
+  std::filesystem::remove(path);
+  EXPECT_TRUE(queue->Drain(generous));
+  const std::string written = folder.Read("events");
+  EXPECT_NE(written.find("alert\n"), std::string::npos);
+  EXPECT_NE(written.find(R"("eventContent":{"count":3,"userNames":["large","large","large"])"),
+            std::string::npos);
+}
+
 TEST_F(SendQueueTest, EventsOfManyThreadsAreAllThereInTheOrderOfEachThread) {
   constexpr std::size_t threadCount = 8;
   constexpr std::size_t eventCount = 250;
