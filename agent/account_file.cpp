@@ -4,15 +4,15 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
+#include <utility>
+
+#include "host/json.h"
+#include "host/utc_time.h"
 
 const char accountFilePath[] = "/etc/passwd";
 
 namespace {
-
-// Far above any account file, and what a reading of it can need is still bounded.
-constexpr std::uint64_t largestMiB = 256;
 
 // Of the machine's means: it may be over the next moment, and no event would tell.
 bool IsShortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
@@ -37,8 +37,8 @@ std::string ObstacleToReading(const std::string& path, const std::optional<FileS
   if (!status->regular) {
     return path + " is not a regular file";
   }
-  if (status->size > largestMiB << 20) {
-    return path + " is larger than " + std::to_string(largestMiB) + " MiB";
+  if (status->size > largestAccountFile) {
+    return path + " is larger than " + std::to_string(largestAccountFile >> 20) + " MiB";
   }
   return "";
 }
@@ -48,13 +48,41 @@ std::string ObstacleToReading(const std::string& path) {
   return shortage.empty() ? ObstacleToReading(path, FileStatus::OfPath(path)) : shortage;
 }
 
+std::string UnreadableEvent(const std::string& path, const std::string& reason) {
+  std::string time;
+  UtilsGetUtcTime(time);
+  utils::MyJson::MyValue content;
+  content["path"] = path;
+  content["reason"] = reason;
+  utils::MyJson::MyValue event;
+  event["eventType"] = "account-file-unreadable";
+  event["eventTime"] = time;
+  event.JsonItemAddToObject("eventContent", content);
+  return Utils::Convert::JsonToString(event);
+}
+
+ReadingGate::ReadingGate(std::function<void(const std::string& reason)> tellObstacle)
+    : tell(std::move(tellObstacle)) {}
+
 TaskScheduler::Permission ReadingGate::Ask(const std::string& path, Time now) {
   const TaskScheduler::Permission permission = Ask(path, FileStatus::OfPath(path), now);
   if (permission.answer != Answer::Yes) {
-    return permission;
+    return Tell(permission);
   }
   const std::string shortage = ShortageAt(path);
-  return {shortage.empty() ? Answer::Yes : Answer::No, shortage};
+  return Tell({shortage.empty() ? Answer::Yes : Answer::No, shortage});
+}
+
+TaskScheduler::Permission ReadingGate::Tell(const TaskScheduler::Permission& permission) {
+  if (permission.answer == Answer::No && permission.reason != told) {
+    if (tell) {
+      tell(permission.reason);
+    }
+    told = permission.reason;
+  } else if (permission.answer == Answer::Yes) {
+    told.clear();
+  }
+  return permission;
 }
 
 TaskScheduler::Permission ReadingGate::Ask(const std::string& path, const std::optional<FileStatus>& status,

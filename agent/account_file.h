@@ -2,6 +2,8 @@
 #define VELTA_AGENT_ACCOUNT_FILE_H
 
 #include <chrono>
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -11,6 +13,9 @@
 // The file that the module reads; the module's own constant, which no interface of it tells.
 extern const char accountFilePath[];
 
+// Far above any account file, and what a reading of it can need is still bounded. In bytes.
+constexpr std::uint64_t largestAccountFile = std::uint64_t{256} << 20;
+
 // Why a reading of the file must not begin, or an empty text. The module opens whatever stands there: a FIFO
 // would hold its thread for ever, a folder looks like an empty file and empties what the detector knows, and
 // a line of gigabytes takes as much memory. A missing or unreadable file is no obstacle: the module says so
@@ -18,7 +23,10 @@ extern const char accountFilePath[];
 std::string ObstacleToReading(const std::string& path, const std::optional<FileStatus>& status);
 std::string ObstacleToReading(const std::string& path);
 
-// Decides before each reading whether it may begin.
+// The event that tells of an obstacle: {"eventType":"account-file-unreadable", ... "path" and "reason".
+std::string UnreadableEvent(const std::string& path, const std::string& reason);
+
+// Decides before each reading whether it may begin, and tells of each obstacle once.
 //
 // An empty account file is most likely one that is being written anew, right after its truncation. Read then,
 // it would empty what the detector knows, and every accepted account would be reported again. So the reading
@@ -31,6 +39,9 @@ class ReadingGate {
 
   static constexpr std::chrono::milliseconds longestEmpty{1000};
 
+  // tellObstacle gets the reason for which readings are refused from now on; it is called inside of Ask.
+  explicit ReadingGate(std::function<void(const std::string& reason)> tellObstacle = nullptr);
+
   // Looks at the file, also whether there is a descriptor to open it with.
   TaskScheduler::Permission Ask(const std::string& path, Time now);
 
@@ -40,6 +51,10 @@ class ReadingGate {
  private:
   using Answer = TaskScheduler::Permission::Answer;
 
+  TaskScheduler::Permission Tell(const TaskScheduler::Permission& permission);
+
+  const std::function<void(const std::string& reason)> tell;
+  std::string told;
   std::optional<Time> emptySince;
 };
 

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -15,19 +16,23 @@
 #include <utility>
 
 #include "agent/account_file.h"
+#include "agent/cross_check.h"
 #include "agent/event_sink.h"
 #include "agent/file_monitor.h"
+#include "agent/json.h"
 #include "agent/logger.h"
 #include "agent/module_loader.h"
 #include "agent/options.h"
 #include "agent/policy.h"
+#include "agent/safe_text.h"
 #include "agent/send_queue.h"
 #include "agent/services.h"
 #include "agent/task_scheduler.h"
 
 namespace {
 
-constexpr unsigned workerCount = 1;  // one task is registered; it never runs beside itself
+// The module's task and the cross-check, side by side: an alert does not wait for the second opinion.
+constexpr unsigned workerCount = 2;
 constexpr std::chrono::milliseconds drainPatience{4000};
 
 // A step that cannot be done, with the code to end with.
@@ -101,13 +106,25 @@ std::string ReadPolicy(const Options& options) {
   return options.policyPath.empty() ? defaultPolicy : LoadPolicy(options.policyPath);
 }
 
-// Starts the module with the policy and has it read at once, so that standing accounts are reported now and
-// not after the task's first delay.
-void Start(const LoadedModule& module, const std::string& policy, TaskScheduler& scheduler) {
-  if (!module.Start(policy.c_str())) {
+// What a policy starts, and starts anew.
+struct Watchers {
+  const LoadedModule& module;
+  CrossCheck* crossCheck;  // null: switched off
+  TaskScheduler& scheduler;
+};
+
+// Starts the module with the policy and has the file read at once, so that standing accounts are reported now
+// and not after the tasks' first delay.
+void Start(const Watchers& watchers, const std::string& policy) {
+  if (!watchers.module.Start(policy.c_str())) {
     throw Failure(EXIT_MODULE, "the module refused the policy");
   }
-  if (scheduler.LaunchAll() == 0) {
+  std::size_t tasksOfOurs = 0;
+  if (watchers.crossCheck != nullptr) {
+    watchers.crossCheck->Enable(PolicyTurnsDetectionOn(policy));
+    tasksOfOurs = 1;
+  }
+  if (watchers.scheduler.LaunchAll() == tasksOfOurs) {
     throw Failure(EXIT_MODULE, "the module started without its task: nothing is being watched");
   }
 }
@@ -124,8 +141,7 @@ void RequireAccountFile() {
 }
 
 // A policy that cannot be used leaves the running one in place.
-void Reload(const LoadedModule& module, const Options& options, std::string& running,
-            TaskScheduler& scheduler, Logger& logger) {
+void Reload(const Watchers& watchers, const Options& options, std::string& running, Logger& logger) {
   std::string policy;
   try {
     policy = ReadPolicy(options);
@@ -135,19 +151,19 @@ void Reload(const LoadedModule& module, const Options& options, std::string& run
     return;
   }
   try {
-    Start(module, policy, scheduler);
+    Start(watchers, policy);
     running = std::move(policy);
     logger.Info("policy reloaded");
     return;
   } catch (const std::exception& error) {
     logger.Error(std::string("policy not taken: ") + error.what() + "; going back to the one before");
   }
-  Start(module, running, scheduler);
+  Start(watchers, running);
 }
 
 // Until a signal asks for the end.
-void Watch(const sigset_t& signals, const LoadedModule& module, const Options& options, std::string policy,
-           TaskScheduler& scheduler, Logger& logger) {
+void Watch(const sigset_t& signals, const Watchers& watchers, const Options& options, std::string policy,
+           Logger& logger) {
   for (;;) {
     int number = 0;
     sigwait(&signals, &number);
@@ -155,7 +171,7 @@ void Watch(const sigset_t& signals, const LoadedModule& module, const Options& o
       logger.Info(std::string("stopping: ") + strsignal(number));
       return;
     }
-    Reload(module, options, policy, scheduler, logger);
+    Reload(watchers, options, policy, logger);
   }
 }
 
@@ -177,7 +193,9 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   EventSink sink = OrFail(EXIT_OUTPUT, [&] { return EventSink(options.outputPath); });
   SendQueue queue = Started(
       "send queue", [&] { return SendQueue(sink, logger, options.once ? 0 : options.eventsPerMinute); });
-  ReadingGate gate;
+  ReadingGate gate([&queue](const std::string& reason) {
+    queue.Push(UnreadableEvent(accountFilePath, reason), SendQueue::Lane::Findings);
+  });
   // A single reading has seen its file already.
   TaskScheduler scheduler = Started("task scheduler", [&] {
     return TaskScheduler(
@@ -188,6 +206,13 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   FileMonitor monitor =
       Started("file monitor", [&] { return FileMonitor(logger, options.identityInterval); });
   InstalledServices services(logger, queue, scheduler, monitor);  // the functions of host/ land here
+  ReportInvalidTextTo([](const std::string& raw) {
+    InstalledServices::Current().logger.Warning("json: a text is not UTF-8, its bytes: " + HexText(raw));
+  });
+  std::optional<CrossCheck> crossCheck;
+  if (options.crossCheck) {
+    OrFail(EXIT_SYSTEM, [&] { crossCheck.emplace(accountFilePath, scheduler, monitor, queue); });
+  }
   // Last: unloaded while everything that it calls still stands.
   const LoadedModule module = OrFail(EXIT_MODULE, [&] { return LoadedModule(modulePath); });
 
@@ -197,18 +222,20 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   bool completed = true;
   std::exception_ptr failure;
   try {
-    Start(module, policy, scheduler);
+    const Watchers watchers = {module, crossCheck ? &*crossCheck : nullptr, scheduler};
+    Start(watchers, policy);
     if (options.once) {
       completed = scheduler.WaitUntilIdle();
     } else {
       logger.Info("watching /etc/passwd; alerts go to " + sink.Name());
-      Watch(signals, module, options, policy, scheduler, logger);
+      Watch(signals, watchers, options, policy, logger);
     }
   } catch (...) {
     failure = std::current_exception();
   }
   module.Stop();
   module.Deinit();
+  crossCheck.reset();
   const bool delivered = options.once ? queue.Drain(std::nullopt) : queue.Drain(drainPatience);
   if (failure) {
     std::rethrow_exception(failure);

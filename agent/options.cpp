@@ -71,6 +71,10 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   value(app.add_option("--log-level", logLevel, "debug, info, warning, error or off (info)")
             ->check(CLI::IsMember(logLevelNames)),
         "LEVEL");
+  bool noCrossCheck = false;
+  app.add_flag("--no-cross-check", noCrossCheck,
+               "leave out what only the C library's reader of accounts finds")
+      ->disable_flag_override();
   app.add_flag("--once", options.once, "read once, write the alerts, end")->disable_flag_override();
   value(
       app.add_option("--check-policy", options.checkPolicyPath, "say whether the file is a policy, and end"),
@@ -82,6 +86,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
     return {false, code == 0 ? EXIT_DONE : EXIT_USAGE, options};
   }
   options.logLevel = LogLevelOf(logLevel);
+  options.crossCheck = !noCrossCheck;
   options.identityInterval = std::chrono::milliseconds(identityMs);
   return {true, EXIT_DONE, options};
 }

@@ -25,6 +25,7 @@ struct Options {
   unsigned eventsPerMinute = 60;  // 0: no limit
   std::chrono::milliseconds identityInterval{1000};
   LogLevel logLevel = LogLevel::Info;
+  bool crossCheck = true;
   bool once = false;
   std::string checkPolicyPath;  // not empty: check that policy and end
 };

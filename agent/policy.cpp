@@ -11,6 +11,7 @@
 
 #include "agent/file_status.h"
 #include "agent/json.h"
+#include "host/json.h"
 
 const char defaultPolicy[] = R"({"unauthorized-root-user": {}})";
 
@@ -74,4 +75,9 @@ std::string LoadPolicy(const std::string& path) {
                              std::to_string(fault->column) + ": " + fault->reason);
   }
   return text;
+}
+
+bool PolicyTurnsDetectionOn(const std::string& policy) {
+  utils::MyJson::MyValue root;
+  return utils::MyJson::MyCharReader().Parse(policy, root) && root.IsMember("unauthorized-root-user");
 }

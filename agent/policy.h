@@ -10,4 +10,7 @@ extern const char defaultPolicy[];
 // std::runtime_error with the file's name, and the line and column where there is one.
 std::string LoadPolicy(const std::string& path);
 
+// Whether the policy, which is JSON, turns the module's detection on.
+bool PolicyTurnsDetectionOn(const std::string& policy);
+
 #endif  // VELTA_AGENT_POLICY_H

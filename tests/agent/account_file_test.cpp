@@ -6,15 +6,21 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
+#include <regex>
 #include <string>
+#include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "tests/agent/descriptor_limit.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
+
+using testing::ElementsAre;
 
 // By the native tool: a 32-bit time_t cannot say it.
 void SetTimesTo2040(const std::string& path) {
@@ -119,6 +125,35 @@ TEST_F(ReadingGateTest, ALackOfDescriptorsIsNotTakenForAMissingFile) {
   }
   EXPECT_EQ(ask().answer, Answer::Yes);
   EXPECT_EQ(gate.Ask(folder.Path("none"), ReadingGate::Time()).answer, Answer::Yes);
+}
+
+TEST_F(ReadingGateTest, AnObstacleIsToldOnceUntilReadingsBeginAgain) {
+  const TemporaryFolder folder;
+  const std::string path = folder.Path("passwd");
+  std::vector<std::string> told;
+  ReadingGate telling([&told](const std::string& reason) { told.push_back(reason); });
+  const auto ask = [&] { return telling.Ask(path, ReadingGate::Time()).answer; };
+  folder.MakeFifo("passwd");
+  EXPECT_EQ(ask(), Answer::No);
+  EXPECT_EQ(ask(), Answer::No);
+  EXPECT_THAT(told, ElementsAre(path + " is not a regular file"));
+  std::filesystem::remove(path);
+  folder.Write("passwd", "");
+  std::filesystem::resize_file(path, largestAccountFile + 1);
+  EXPECT_EQ(ask(), Answer::No);
+  EXPECT_THAT(told, ElementsAre(path + " is not a regular file", path + " is larger than 256 MiB"));
+  std::filesystem::resize_file(path, 1);
+  EXPECT_EQ(ask(), Answer::Yes);
+  std::filesystem::resize_file(path, largestAccountFile + 1);
+  EXPECT_EQ(ask(), Answer::No);
+  EXPECT_EQ(told.size(), 3u) << "it is another time";
+}
+
+TEST(UnreadableEventTest, HasTheFormOfAnAlert) {
+  static const std::regex time(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)");
+  EXPECT_EQ(
+      std::regex_replace(UnreadableEvent("/etc/passwd", "what \"it\" is"), time, "TIME"),
+      R"({"eventType":"account-file-unreadable","eventTime":"TIME","eventContent":{"path":"/etc/passwd","reason":"what \"it\" is"}})");
 }
 
 TEST_F(ReadingGateTest, AnEmptyFileIsReadOnceItHasBeenEmptyForASecond) {

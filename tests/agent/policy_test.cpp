@@ -147,4 +147,13 @@ TEST_F(PolicyTest, TheBuiltInPolicyTurnsTheDetectionOn) {
   EXPECT_STREQ(defaultPolicy, R"({"unauthorized-root-user": {}})");
 }
 
+TEST(PolicySwitchTest, TheDetectionIsOnWhenTheKeyIsThereWhateverItsValue) {
+  EXPECT_TRUE(PolicyTurnsDetectionOn(defaultPolicy));
+  EXPECT_TRUE(PolicyTurnsDetectionOn(R"({"unauthorized-root-user": false})"));
+  EXPECT_FALSE(PolicyTurnsDetectionOn(R"({"inner": {"unauthorized-root-user": {}}})"));
+  EXPECT_FALSE(PolicyTurnsDetectionOn("{}"));
+  EXPECT_FALSE(PolicyTurnsDetectionOn("[\"unauthorized-root-user\"]"));
+  EXPECT_FALSE(PolicyTurnsDetectionOn("not JSON"));
+}
+
 }  // namespace

@@ -63,6 +63,11 @@ std::string AlertFor(const std::string& name) {
          R"(","uid":0,"gid":0,"shell":"/bin/sh","home":"/nowhere","type":"illegal"}})";
 }
 
+std::string UnreadableFor(const std::string& reason) {
+  return R"({"eventType":"account-file-unreadable","eventTime":"TIME","eventContent":{"path":"/etc/passwd","reason":")" +
+         reason + R"("}})";
+}
+
 std::string WithoutTime(const std::string& alert) {
   static const std::regex time(R"("eventTime":"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d")");
   return std::regex_replace(alert, time, R"("eventTime":"TIME")");

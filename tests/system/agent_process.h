@@ -24,6 +24,9 @@ std::string RootLine(const std::string& name);
 // The alert about such a line, in the form that WithoutTime gives it.
 std::string AlertFor(const std::string& name);
 
+// The event about a file that is not read, in the same form.
+std::string UnreadableFor(const std::string& reason);
+
 std::string WithoutTime(const std::string& alert);
 
 // Taken apart at the newlines, each without its time.

@@ -153,12 +153,14 @@ TEST_F(AgentTest, Fault11WhatIsNoFileIsNotReadAndTheFileThatComesBackIs) {
   for (const char* const obstacle : {"mkfifo obstacle", "mkdir obstacle"}) {
     ASSERT_NO_FATAL_FAILURE(Do("mv passwd kept && " + std::string(obstacle) + " && mv -T obstacle passwd"));
     EXPECT_THAT(agent->LogUntil("is not a regular file"), HasSubstr("/etc/passwd is not a regular file"));
+    EXPECT_EQ(agent->NextAlert(), UnreadableFor("/etc/passwd is not a regular file"));
     ASSERT_NO_FATAL_FAILURE(Do("rm -r passwd && mv kept passwd"));
     EXPECT_THAT(agent->LogUntil("tasks run again"), HasSubstr("tasks run again"));
   }
   ExpectSilence(*agent);
   ASSERT_NO_FATAL_FAILURE(Do("mkfifo obstacle && mv obstacle passwd"));
   EXPECT_THAT(agent->LogUntil("is not a regular file"), HasSubstr("/etc/passwd is not a regular file"));
+  EXPECT_EQ(agent->NextAlert(), UnreadableFor("/etc/passwd is not a regular file"));
   ExpectOrderlyEnd(*agent);
 }
 
@@ -218,12 +220,56 @@ TEST_F(AgentTest, Fault22TwoAgentsOnOneHostReportBoth) {
   ExpectOrderlyEnd(*other);
 }
 
+std::string UncoveredFor(const std::string& name, const std::string& shell, const std::string& home, int line,
+                         const std::string& reason) {
+  return R"({"eventType":"uncovered-root-account","eventTime":"TIME","eventContent":{"userName":")" + name +
+         R"(","uid":0,"gid":0,"shell":")" + shell + R"(","home":")" + home + R"(","line":)" +
+         std::to_string(line) + R"(,"reason":")" + reason + R"("}})";
+}
+
+TEST_F(AgentTest, AnAccountThatOnlyTheLibraryReadsIsReportedAsSuchOnce) {
+  const auto agent = Watching({"--check-interval", "0"});
+  etc.AppendPasswd("six:x:0:0::/root");
+  EXPECT_EQ(agent->NextAlert(soon), UncoveredFor("six", "", "/root", 3, "too few fields"));
+  etc.AppendPasswd("eight:x:0:0::/root:/bin/sh:more");
+  EXPECT_EQ(agent->NextAlert(soon), UncoveredFor("eight", "/bin/sh:more", "/root", 4, "too many fields"));
+  etc.AppendPasswd("nul:x:0:0::/root:/bin/sh" + std::string(1, '\0') + ":junk");
+  EXPECT_EQ(agent->NextAlert(soon), UncoveredFor("nul", "/bin/sh", "/root", 5, "NUL in line"));
+  etc.AppendPasswd("long:x:0:0:" + std::string(1200, 'g') + ":/root:/bin/sh");
+  EXPECT_EQ(agent->NextAlert(soon), UncoveredFor("long", "/bin/sh", "/root", 6, "line too long"));
+  ExpectSilence(*agent);
+  ExpectOrderlyEnd(*agent);
+}
+
+TEST_F(AgentTest, StandingUncoveredAccountsAreReportedAtTheStartAndByOnceUnlessSwitchedOff) {
+  etc.AppendPasswd("six:x:0:0::/root");
+  const std::string event = UncoveredFor("six", "", "/root", 3, "too few fields");
+  const auto agent = Watching(Plain());
+  EXPECT_EQ(agent->NextAlert(soon), event);
+  ExpectOrderlyEnd(*agent);
+
+  const Outcome once = RunToTheEnd({"--once"});
+  EXPECT_EQ(once.exitCode, 1) << once.errors;
+  EXPECT_THAT(AlertsIn(once.output), ElementsAre(event));
+
+  const std::string off = folder.Write("off.json", "{}");
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"--once", "--no-cross-check"}, {"--once", "--policy", off}}) {
+    const Outcome without = RunToTheEnd(arguments);
+    EXPECT_EQ(without.exitCode, 0) << without.errors;
+    EXPECT_EQ(without.output, "");
+  }
+}
+
 TEST_F(AgentTest, ANameOfAnyBytesIsOneLineOfJson) {
   const auto agent = Watching(Plain());
   etc.AppendPasswd(RootLine("a\"b\\c\x1b[2J\r\t%s%n{}\xff\xe2\x80\xae"));
   const std::string alert = agent->NextAlert();
   EXPECT_FALSE(FindJsonFault(alert).has_value()) << alert;
   EXPECT_EQ(alert, AlertFor(R"(a\"b\\c\u001b[2J\r\t%s%n{}\ufffd\u202e)"));
+  EXPECT_THAT(agent->LogUntil("its bytes"), HasSubstr(" warning json: a text is not UTF-8, its bytes: "
+                                                      "6122625c631b5b324a0d0925732"
+                                                      "56e7b7dffe280ae\n"));
   ExpectSilence(*agent);
   ExpectOrderlyEnd(*agent);
 }

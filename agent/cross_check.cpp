@@ -1,0 +1,146 @@
+#include "agent/cross_check.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "agent/account_file.h"
+#include "agent/file_monitor.h"
+#include "agent/send_queue.h"
+#include "agent/task_scheduler.h"
+#include "agent/uncovered_accounts.h"
+#include "host/json.h"
+#include "host/utc_time.h"
+
+namespace {
+
+// As the module's own: the timer is there for what no event and no stat tells.
+constexpr std::int64_t firstReadingMs = 10000;
+constexpr std::int64_t readingIntervalMs = 300000;
+
+class ReadDescriptor {
+ public:
+  explicit ReadDescriptor(const std::string& path)
+      : number(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {}
+  ~ReadDescriptor() {
+    if (number >= 0) {
+      close(number);
+    }
+  }
+  ReadDescriptor(const ReadDescriptor&) = delete;
+  ReadDescriptor& operator=(const ReadDescriptor&) = delete;
+
+  const int number;
+};
+
+// Nothing when the file cannot be read whole. What stands there was looked at before this reading; it is
+// looked at again, as something else may stand there by now.
+std::optional<std::string> ReadWhole(const std::string& path) {
+  const ReadDescriptor descriptor(path);
+  if (descriptor.number < 0 ||
+      !ObstacleToReading(path, FileStatus::OfDescriptor(descriptor.number)).empty()) {
+    return std::nullopt;
+  }
+  std::string content;
+  char part[65536];
+  for (;;) {
+    const ssize_t size = read(descriptor.number, part, sizeof(part));
+    if (size > 0) {
+      content.append(part, static_cast<std::size_t>(size));
+      if (content.size() > largestAccountFile) {
+        return std::nullopt;
+      }
+    } else if (size == 0) {
+      return content;
+    } else if (errno != EINTR) {
+      return std::nullopt;
+    }
+  }
+}
+
+std::string EventOf(const UncoveredAccount& account) {
+  std::string time;
+  UtilsGetUtcTime(time);
+  utils::MyJson::MyValue content;
+  content["userName"] = account.userName;
+  content["uid"] = static_cast<int>(account.uid);
+  content["gid"] = static_cast<int>(account.gid);  // as in an alert: above 2^31 its negative counterpart
+  content["shell"] = account.shell;
+  content["home"] = account.home;
+  content["line"] = static_cast<int>(account.line);
+  content["reason"] = account.reason;
+  utils::MyJson::MyValue event;
+  event["eventType"] = "uncovered-root-account";
+  event["eventTime"] = time;
+  event.JsonItemAddToObject("eventContent", content);
+  return Utils::Convert::JsonToString(event);
+}
+
+}  // namespace
+
+CrossCheck::CrossCheck(const std::string& accountFile, TaskScheduler& taskScheduler, FileMonitor& fileMonitor,
+                       SendQueue& sendQueue)
+    : path(accountFile), scheduler(taskScheduler), monitor(fileMonitor), queue(sendQueue) {
+  utils::thread::TASK_CONDITION condition = utils::thread::TASK_CONDITION();
+  condition.startDelayMs = firstReadingMs;
+  condition.intervalMs = readingIntervalMs;
+  condition.enabled = true;
+  const auto read = [](void* check) -> void* {
+    static_cast<CrossCheck*>(check)->Read();
+    return nullptr;
+  };
+  taskId = scheduler.Register(utils::thread::TASKTYPE_PERIODIC, condition, read, this, "cross_check_task");
+  if (taskId == 0) {
+    throw std::runtime_error("cross-check: no task");
+  }
+  try {
+    watch.path = path;
+    watch.callback = std::make_shared<FileWatchCallback>(
+        [this](int, const char*, const char*, bool, int, const std::string&) { scheduler.Launch(taskId); });
+    watch.monitorId = monitor.Add(watch);
+    if (watch.monitorId == 0) {
+      throw std::runtime_error("cross-check: no watch");
+    }
+  } catch (...) {
+    End();
+    throw;
+  }
+}
+
+CrossCheck::~CrossCheck() { End(); }
+
+// The watch goes first, so that no event launches a task that is going away.
+void CrossCheck::End() {
+  monitor.Remove(watch);
+  scheduler.PauseAndWait(taskId);
+  scheduler.Unregister(taskId);
+}
+
+void CrossCheck::Read() {
+  if (!enabled) {
+    return;
+  }
+  const std::optional<std::string> content = ReadWhole(path);
+  if (!content) {
+    return;
+  }
+  std::set<std::string> found;
+  std::vector<std::string> events;
+  for (const UncoveredAccount& account : FindUncoveredRoots(*content)) {
+    const bool isNew = found.insert(account.userName).second && standing.count(account.userName) == 0;
+    if (isNew) {
+      events.push_back(EventOf(account));
+    }
+  }
+  // From here on nothing fails: an event is neither lost nor sent twice when memory is short.
+  for (const std::string& event : events) {
+    queue.Push(event, SendQueue::Lane::Findings);
+  }
+  standing.swap(found);
+}

@@ -1,0 +1,49 @@
+#ifndef VELTA_AGENT_CROSS_CHECK_H
+#define VELTA_AGENT_CROSS_CHECK_H
+
+#include <atomic>
+#include <set>
+#include <string>
+
+#include "host/file_monitor.h"
+
+class FileMonitor;
+class SendQueue;
+class TaskScheduler;
+
+// Reports what the module cannot: accounts with user ID 0 that the C library honours, on lines that the
+// module's rules pass over. Owns a task and a watch on the account file, as the module does, and reads the
+// same file with the C library's own reader; see FindUncoveredRoots.
+//
+// An account is reported when a reading finds it and the one before did not, by an event of type
+// "uncovered-root-account". A file that cannot be read changes nothing.
+//
+// Thread use: construction, destruction and Enable on the control thread; readings on the scheduler's
+// workers, one at a time. Destruction waits for a reading. Construction throws std::runtime_error when the
+// task or the watch is not to be had.
+class CrossCheck {
+ public:
+  CrossCheck(const std::string& accountFile, TaskScheduler& taskScheduler, FileMonitor& fileMonitor,
+             SendQueue& sendQueue);
+  ~CrossCheck();
+  CrossCheck(const CrossCheck&) = delete;
+  CrossCheck& operator=(const CrossCheck&) = delete;
+
+  // Readings do nothing while it is off, as it is at first; what they have reported is remembered.
+  void Enable(bool on) { enabled = on; }
+
+ private:
+  void Read();
+  void End();
+
+  const std::string path;
+  TaskScheduler& scheduler;
+  FileMonitor& monitor;
+  SendQueue& queue;
+  std::atomic<bool> enabled{false};
+  unsigned taskId = 0;
+  FileWatchRule watch = FileWatchRule();
+  std::set<std::string> standing;  // the names that the last reading found; the workers' own
+};
+
+#endif  // VELTA_AGENT_CROSS_CHECK_H

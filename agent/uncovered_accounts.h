@@ -1,0 +1,28 @@
+#ifndef VELTA_AGENT_UNCOVERED_ACCOUNTS_H
+#define VELTA_AGENT_UNCOVERED_ACCOUNTS_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+// An account as the C library reads it, on a line that the module's rules do not turn into its record.
+struct UncoveredAccount {
+  std::string userName;
+  unsigned uid;
+  unsigned gid;
+  std::string shell;
+  std::string home;
+  std::size_t line;    // counts from 1
+  const char* reason;  // why the module does not see it; one of the texts in the table of docs/coverage.md
+
+  bool operator==(const UncoveredAccount& other) const;
+};
+
+// Every account of the content that has user ID 0 for the C library at hand, is not named "root", and stands
+// on a line that the module passes over; in the order of the lines.
+//
+// The C library's own reader is asked about each such line. Where it reads what the module reads there is
+// nothing to ask. Throws std::bad_alloc.
+std::vector<UncoveredAccount> FindUncoveredRoots(const std::string& content);
+
+#endif  // VELTA_AGENT_UNCOVERED_ACCOUNTS_H

@@ -1,0 +1,122 @@
+#include "agent/cross_check.h"
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <regex>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "agent/event_sink.h"
+#include "agent/file_monitor.h"
+#include "agent/logger.h"
+#include "agent/send_queue.h"
+#include "agent/task_scheduler.h"
+#include "tests/support/line_reader.h"
+#include "tests/support/temporary_folder.h"
+
+namespace {
+
+constexpr std::chrono::seconds generous(60);
+
+class CrossCheckTest : public testing::Test {
+ protected:
+  CrossCheckTest() { folder.Write("passwd", "root:x:0:0::/root:/bin/sh\n"); }
+
+  void Start() {
+    check = std::make_unique<CrossCheck>(path, scheduler, monitor, queue);
+    check->Enable(true);
+  }
+
+  void Add(const std::string& lines) { ReplaceFile(path, folder.Read("passwd") + lines); }
+
+  // The next event, without its time.
+  std::string Next() {
+    static const std::regex time(R"("eventTime":"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d")");
+    return std::regex_replace(events.Next(generous), time, R"("eventTime":"TIME")");
+  }
+
+  static std::string Event(const std::string& name, int line, const std::string& reason = "too few fields") {
+    return R"({"eventType":"uncovered-root-account","eventTime":"TIME","eventContent":{"userName":")" + name +
+           R"(","uid":0,"gid":0,"shell":"","home":"","line":)" + std::to_string(line) + R"(,"reason":")" +
+           reason + R"("}})";
+  }
+
+  TemporaryFolder folder;
+  const std::string path = folder.Path("passwd");
+  LineReader events{folder.MakeFifo("events")};
+  Logger logger{LogLevel::Off};
+  EventSink sink{folder.Path("events")};
+  SendQueue queue{sink, logger, 0};
+  TaskScheduler scheduler{2, logger};
+  FileMonitor monitor{logger};
+  std::unique_ptr<CrossCheck> check;
+};
+
+TEST_F(CrossCheckTest, AnAccountIsReportedWhenItComes) {
+  Start();
+  Add("toor:x:0:0\n");
+  EXPECT_EQ(Next(), Event("toor", 2));
+}
+
+TEST_F(CrossCheckTest, AnAccountIsReportedOncePerTransition) {
+  Start();
+  Add("toor:x:0:0\n");
+  EXPECT_EQ(Next(), Event("toor", 2));
+  ReplaceFile(path, "alice:x:1000:0::/:/bin/sh\ntoor:x:0:0:\nzoe:x:0:0\n");  // on another line, and not new
+  EXPECT_EQ(Next(), Event("zoe", 3));
+  ReplaceFile(path, "zoe:x:0:0\nbob:x:0:0\n");
+  EXPECT_EQ(Next(), Event("bob", 2));
+  Add("toor:x:0:0\n");
+  EXPECT_EQ(Next(), Event("toor", 3)) << "it went, and is back";
+}
+
+TEST_F(CrossCheckTest, ANameOnTwoLinesIsOneAccount) {
+  Start();
+  Add("toor:x:0:0\ntoor:x:0:0:\n");
+  EXPECT_EQ(Next(), Event("toor", 2));
+  Add("zoe:x:0:0\n");
+  EXPECT_EQ(Next(), Event("zoe", 4));
+}
+
+TEST_F(CrossCheckTest, AFileThatIsGoneOrNoFileMakesNobodyNew) {
+  Start();
+  Add("toor:x:0:0\n");
+  EXPECT_EQ(Next(), Event("toor", 2));
+  std::filesystem::rename(path, folder.Path("kept"));
+  scheduler.LaunchAll();
+  scheduler.WaitUntilIdle();
+  std::filesystem::create_directory(path);
+  scheduler.LaunchAll();
+  scheduler.WaitUntilIdle();
+  std::filesystem::remove(path);
+  std::filesystem::rename(folder.Path("kept"), path);
+  Add("zoe:x:0:0\n");
+  EXPECT_EQ(Next(), Event("zoe", 3));
+}
+
+TEST_F(CrossCheckTest, WhileItIsOffNothingIsReportedAndNothingIsForgotten) {
+  Start();
+  Add("toor:x:0:0\n");
+  EXPECT_EQ(Next(), Event("toor", 2));
+  check->Enable(false);
+  Add("zoe:x:0:0\n");
+  scheduler.LaunchAll();
+  scheduler.WaitUntilIdle();
+  EXPECT_EQ(queue.Accepted(), 1u);
+  check->Enable(true);
+  scheduler.LaunchAll();
+  EXPECT_EQ(Next(), Event("zoe", 3));
+}
+
+TEST_F(CrossCheckTest, ItLeavesNeitherATaskNorAWatch) {
+  Start();
+  EXPECT_EQ(scheduler.LaunchAll(), 1u);
+  check.reset();
+  EXPECT_EQ(scheduler.LaunchAll(), 0u);
+  Add("toor:x:0:0\n");
+  EXPECT_EQ(queue.Accepted(), 0u);
+}
+
+}  // namespace
