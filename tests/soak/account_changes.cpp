@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -54,6 +55,12 @@ std::vector<std::string> LinesOf(const char* path) {
   return lines;
 }
 
+std::uint64_t Inode() {
+  struct stat status = {};
+  Require(stat(passwd, &status) == 0, "the inode");
+  return status.st_ino;
+}
+
 std::string LineFor(const std::string& name) { return name + ":x:0:0::/nowhere:/bin/sh"; }
 
 }  // namespace
@@ -71,7 +78,8 @@ AccountChanges::~AccountChanges() { CloseHeld(); }
 
 VisibleState AccountChanges::Current() const {
   const SoakTime now = SoakTime::clock::now();
-  return {now, now, Sight::Whole, RootAccountsIn(Joined(lines)), "as it stood"};
+  const std::string content = Joined(lines);
+  return {now, now, Sight::Whole, RootAccountsIn(content), "as it stood", Inode(), content};
 }
 
 AccountChanges::Change AccountChanges::Make() {
@@ -330,6 +338,10 @@ void AccountChanges::Show(const std::optional<std::string>& content, Sight sight
   state.sight = sight;
   state.roots = RootAccountsIn(content.value_or(""));
   state.cause = cause;
+  if (content) {
+    state.inode = Inode();
+    state.content = content;
+  }
   listener(state);
 }
 

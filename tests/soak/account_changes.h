@@ -13,7 +13,8 @@
 // change, and tells of each state that a reading can have seen on the way.
 //
 // The file stays below a page: the kernel shows a write of one page whole or not at all, so there are no
-// states but those that are told of. A reading that spans two changes of the same inode could still mix them.
+// states but those that are told of. A reading that spans two changes of the same inode can still mix them:
+// each state tells its inode. "/etc" has to be a tmpfs, which gives no inode number twice.
 //
 // Thread use: one thread at a time.
 class AccountChanges {

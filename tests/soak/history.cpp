@@ -4,6 +4,7 @@
 #include <array>
 #include <set>
 #include <sstream>
+#include <tuple>
 #include <utility>
 
 using std::chrono::milliseconds;
@@ -49,6 +50,7 @@ struct Phase {
   bool read = false;
   std::vector<Variant> variants;
   std::string causes;
+  std::size_t lastState = 0;
 };
 
 Look LookOf(const std::string& name, const VisibleState& state) {
@@ -70,7 +72,8 @@ Look LookOf(const std::string& name, const VisibleState& state) {
 
 std::vector<Phase> PhasesOf(const std::string& name, const Segment& segment, milliseconds bound) {
   std::vector<Phase> phases;
-  for (const VisibleState& state : segment.states) {
+  for (std::size_t i = 0; i < segment.states.size(); ++i) {
+    const VisibleState& state = segment.states[i];
     const Look look = LookOf(name, state);
     if (phases.empty() || phases.back().look != look) {
       if (!phases.empty()) {
@@ -82,6 +85,7 @@ std::vector<Phase> PhasesOf(const std::string& name, const Segment& segment, mil
       phases.back().latest = state.latest;
       phases.back().causes = state.cause;
     }
+    phases.back().lastState = i;
     if (look == Look::Present) {
       phases.back().variants.push_back({state.roots.at(name), state.earliest});
     }
@@ -102,10 +106,79 @@ bool Shows(const Phase& phase, const SoakAlert& alert) {
   });
 }
 
+bool Holds(const VisibleState& state, const RootAccount& account) {
+  const auto found = state.roots.find(account.name);
+  return found != state.roots.end() && found->second == account;
+}
+
+bool AreOfOneFile(const VisibleState& one, const VisibleState& other) {
+  return one.inode != 0 && one.inode == other.inode;
+}
+
+// The account is in the older content with the newer one's end, from its own length on, and in neither
+// itself.
+bool MixTo(const VisibleState& older, const VisibleState& newer, const RootAccount& account) {
+  if (!AreOfOneFile(older, newer) || !older.content || !newer.content ||
+      older.content->size() >= newer.content->size() || Holds(older, account) || Holds(newer, account)) {
+    return false;
+  }
+  const std::string& head = *older.content;
+  const std::string& later = *newer.content;
+  const std::size_t lineEnd = std::min(later.find('\n', head.size()), later.size());
+  const std::string lineAtCut =
+      head.substr(head.rfind('\n') + 1) + later.substr(head.size(), lineEnd - head.size());
+  if (lineAtCut.rfind(account.name + ":", 0) != 0) {  // saves reading thousands of mixtures that differ
+    return false;
+  }
+  const RootAccounts roots = RootAccountsIn(head + later.substr(head.size()));
+  const auto found = roots.find(account.name);
+  return found != roots.end() && found->second == account;
+}
+
+// A reading that had seen the older state is over within the bound after that was gone.
+bool CanLast(const Segment& segment, std::size_t older, SoakTime by, milliseconds bound) {
+  const auto first = segment.states.begin() + static_cast<std::ptrdiff_t>(older);
+  const auto next = std::find_if(first + 1, segment.states.end(),
+                                 [first](const VisibleState& state) { return AreOfOneFile(*first, state); });
+  return next == segment.states.end() || Undelayed(next->latest, by, segment.delays) <= bound;
+}
+
+// Two states and the alert for what a reading of both has found.
+struct Mixture {
+  std::size_t alert;
+  std::size_t older;
+  std::size_t newer;
+};
+
+std::vector<Mixture> MixturesOf(const Segment& segment, const std::vector<SoakAlert>& alerts,
+                                milliseconds bound) {
+  std::vector<Mixture> mixtures;
+  const std::vector<VisibleState>& states = segment.states;
+  for (std::size_t alert = 0; alert < alerts.size(); ++alert) {
+    for (std::size_t newer = 1; newer < states.size() && states[newer].earliest <= alerts[alert].at;
+         ++newer) {
+      for (std::size_t older = 0; older < newer; ++older) {
+        if (MixTo(states[older], states[newer], alerts[alert].account) &&
+            CanLast(segment, older, alerts[alert].at, bound)) {
+          mixtures.push_back({alert, older, newer});
+        }
+      }
+    }
+  }
+  return mixtures;
+}
+
 struct Rules {
   bool begunCounts;  // the reading of such a file makes the agent forget
   bool emptyCounts;
+  bool mixturesCount;
   bool mustBeRead;  // long phases and the last one are not passed over, and alerts are in time
+};
+
+// How far a choice of readings explains the alerts.
+struct Explanation {
+  std::size_t alerts = 0;
+  std::size_t mixtures = 0;  // the fewest for so many
 };
 
 class Choices {
@@ -114,44 +187,129 @@ class Choices {
           const std::vector<SoakAlert>& alertsOfAccount)
       : segment(judged), bound(limit), phases(ofAccount), alerts(alertsOfAccount) {}
 
+  void Allow(std::vector<Mixture> allowed) { mixtures = std::move(allowed); }
+
   // The most alerts, in order, that some choice of readings explains; nothing when no choice keeps the rules.
-  std::optional<std::size_t> Explained(Rules rules) const {
-    std::set<Known> possible = {{!segment.firstOfLife && phases.front().look == Look::Present, 0}};
-    for (const Phase& phase : phases) {
-      std::set<Known> next;
-      for (const Known& before : possible) {
-        if (!phase.read || !rules.mustBeRead || Blind(phase, rules)) {
-          next.insert(before);
-        }
-        if (!Blind(phase, rules)) {
-          Read(phase, before, rules, next);
-        }
+  std::optional<Explanation> Explained(Rules rules) const {
+    std::vector<std::set<Known>> after;  // each phase
+    for (std::size_t phase = 0; phase < phases.size(); ++phase) {
+      after.push_back(Within(phase, after, rules));
+    }
+    std::optional<Explanation> best;
+    for (const Known& known : after.back()) {
+      if (!best || known.alerts > best->alerts ||
+          (known.alerts == best->alerts && known.mixtures < best->mixtures)) {
+        best = {known.alerts, known.mixtures};
       }
-      possible = std::move(next);
     }
-    std::optional<std::size_t> most;
-    for (const Known& known : possible) {
-      most = std::max(most.value_or(0), known.second);
-    }
-    return most;
+    return best;
+  }
+
+  bool ExplainsAll(Rules rules) const {
+    const std::optional<Explanation> most = Explained(rules);
+    return most && most->alerts == alerts.size();
   }
 
  private:
-  using Known = std::pair<bool, std::size_t>;  // whether the agent knows the account as root; alerts so far
+  struct Known {
+    bool root = false;  // whether the agent knows the account as such
+    std::size_t alerts = 0;
+    std::size_t mixtures = 0;
+    std::size_t since = 0;   // no later reading sees an older state than the end of the last mixture
+    bool phaseRead = false;  // without any other state
+
+    bool operator<(const Known& other) const {
+      return std::tie(root, alerts, mixtures, since, phaseRead) <
+             std::tie(other.root, other.alerts, other.mixtures, other.since, other.phaseRead);
+    }
+  };
 
   static bool Blind(const Phase& phase, Rules rules) {
     return phase.look == Look::Unreadable || (phase.look == Look::Begun && !rules.begunCounts) ||
            (phase.look == Look::Empty && !rules.emptyCounts);
   }
 
-  void Read(const Phase& phase, const Known& before, Rules rules, std::set<Known>& next) const {
-    if (phase.look != Look::Present) {
-      next.insert({false, before.second});
-    } else if (before.first) {
-      next.insert(before);
-    } else if (before.second < alerts.size() && Fits(phase, alerts[before.second], rules)) {
-      next.insert({true, before.second + 1});
+  std::size_t PhaseOf(std::size_t state) const {
+    const auto found = std::find_if(phases.begin(), phases.end(),
+                                    [state](const Phase& phase) { return state <= phase.lastState; });
+    return static_cast<std::size_t>(found - phases.begin());
+  }
+
+  std::set<Known> Within(std::size_t number, const std::vector<std::set<Known>>& after, Rules rules) const {
+    const Phase& phase = phases[number];
+    std::set<Known> possible;
+    if (number > 0) {
+      possible = after.back();
+    } else {
+      Known first;
+      first.root = !segment.firstOfLife && phase.look == Look::Present;
+      possible.insert(first);
     }
+    std::vector<Mixture> inside;
+    for (const Mixture& mixture : mixtures) {
+      if (!rules.mixturesCount || PhaseOf(mixture.newer) != number) {
+        continue;
+      }
+      const std::size_t begun = PhaseOf(mixture.older);
+      if (begun == number) {
+        inside.push_back(mixture);
+        continue;
+      }
+      for (const Known& before : after[begun]) {  // what is between is read by nobody
+        Mix(mixture, before, possible);
+      }
+    }
+    std::vector<Known> open(possible.begin(), possible.end());
+    while (!open.empty()) {
+      const Known before = open.back();
+      open.pop_back();
+      std::set<Known> next;
+      if (!Blind(phase, rules)) {
+        Read(phase, before, rules, next);
+      }
+      for (const Mixture& mixture : inside) {
+        Mix(mixture, before, next);
+      }
+      for (const Known& known : next) {
+        if (possible.insert(known).second) {
+          open.push_back(known);
+        }
+      }
+    }
+    const bool required = phase.read && rules.mustBeRead && !Blind(phase, rules);
+    std::set<Known> left;
+    for (Known known : possible) {
+      if (known.phaseRead || !required) {
+        known.phaseRead = false;
+        left.insert(known);
+      }
+    }
+    return left;
+  }
+
+  void Read(const Phase& phase, const Known& before, Rules rules, std::set<Known>& next) const {
+    Known known = before;
+    known.phaseRead = true;
+    known.root = phase.look == Look::Present;
+    if (known.root && !before.root) {
+      if (before.alerts == alerts.size() || !Fits(phase, alerts[before.alerts], rules)) {
+        return;
+      }
+      ++known.alerts;
+    }
+    next.insert(known);
+  }
+
+  static void Mix(const Mixture& mixture, const Known& before, std::set<Known>& next) {
+    if (before.root || before.alerts != mixture.alert || mixture.older < before.since) {
+      return;
+    }
+    Known known = before;
+    known.root = true;
+    ++known.alerts;
+    ++known.mixtures;
+    known.since = mixture.newer;
+    next.insert(known);
   }
 
   bool Fits(const Phase& phase, const SoakAlert& alert, Rules rules) const {
@@ -164,6 +322,7 @@ class Choices {
   const milliseconds bound;
   const std::vector<Phase>& phases;
   const std::vector<SoakAlert>& alerts;
+  std::vector<Mixture> mixtures;
 };
 
 std::string Milliseconds(SoakTime time, SoakTime origin) {
@@ -201,9 +360,18 @@ std::string Story(const Segment& segment, const std::vector<Phase>& phases,
          Milliseconds(segment.end, origin) + "\n";
 }
 
-bool WasShown(const SoakAlert& alert, const std::vector<Phase>& phases) {
-  return std::any_of(phases.begin(), phases.end(),
-                     [&alert](const Phase& phase) { return Shows(phase, alert); });
+bool AllWereShown(const std::vector<SoakAlert>& alerts, const std::vector<Phase>& phases,
+                  const std::vector<Mixture>& mixtures) {
+  for (std::size_t i = 0; i < alerts.size(); ++i) {
+    const bool shown = std::any_of(phases.begin(), phases.end(),
+                                   [&](const Phase& phase) { return Shows(phase, alerts[i]); });
+    const bool mixed = std::any_of(mixtures.begin(), mixtures.end(),
+                                   [i](const Mixture& mixture) { return mixture.alert == i; });
+    if (!shown && !mixed) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace
@@ -225,6 +393,13 @@ RootAccounts RootAccountsIn(const std::string& content) {
   return roots;
 }
 
+void Segment::Add(VisibleState state) {
+  states.push_back(std::move(state));
+  if (states.size() > contentsKept) {
+    states[states.size() - 1 - contentsKept].content.reset();
+  }
+}
+
 std::string Described(const Segment& segment, SoakTime origin) {
   static const std::array<const char*, 4> sights = {"whole", "begun", "empty", "unreadable"};
   constexpr std::size_t shown = 40;
@@ -234,7 +409,7 @@ std::string Described(const Segment& segment, SoakTime origin) {
     const VisibleState& state = segment.states[i];
     text += "  " + Milliseconds(state.earliest, origin) + ".." + Milliseconds(state.latest, origin) + " " +
             sights[static_cast<std::size_t>(state.sight)] + ", " + std::to_string(state.roots.size()) +
-            " root accounts (" + state.cause + ")\n";
+            " root accounts, inode " + std::to_string(state.inode) + " (" + state.cause + ")\n";
   }
   const std::size_t alerts = segment.alerts.size();
   for (std::size_t i = alerts > shown ? alerts - shown : 0; i < alerts; ++i) {
@@ -277,23 +452,30 @@ Verdict Judge(const Segment& segment, milliseconds bound, SoakTime origin) {
   }
   for (const auto& [name, alerts] : alertsOf) {
     const std::vector<Phase> phases = PhasesOf(name, segment, bound);
-    const Choices choices(segment, bound, phases, alerts);
-    const std::optional<std::size_t> plain = choices.Explained({false, false, true});
-    if (plain == alerts.size()) {
+    Choices choices(segment, bound, phases, alerts);
+    if (choices.ExplainsAll({false, false, false, true})) {
       continue;
     }
-    if (choices.Explained({true, true, true}) == alerts.size()) {
-      const std::size_t ofWhole = choices.Explained({false, false, false}).value_or(0);
-      const std::size_t ofBegun = choices.Explained({true, false, false}).value_or(0);
-      verdict.repeatsAfterBegun += ofBegun - ofWhole;
-      verdict.repeatsAfterEmpty += alerts.size() - ofBegun;
+    bool explained = choices.ExplainsAll({true, true, false, true});
+    std::vector<Mixture> mixtures;
+    if (!explained) {
+      mixtures = MixturesOf(segment, alerts, bound);
+      choices.Allow(mixtures);
+      explained = choices.ExplainsAll({true, true, true, true});
+    }
+    if (explained) {
+      const auto ofAll = choices.Explained({true, true, true, true}).value_or(Explanation());
+      const auto ofWhole = choices.Explained({false, false, true, false}).value_or(Explanation());
+      const auto ofBegun = choices.Explained({true, false, true, false}).value_or(Explanation());
+      verdict.repeatsAfterBegun += ofBegun.alerts - ofWhole.alerts;
+      verdict.repeatsAfterEmpty += alerts.size() - ofBegun.alerts;
+      verdict.alertsOfMixtures += ofAll.mixtures;
       continue;
     }
     Finding finding;
-    if (choices.Explained({true, true, false}) == alerts.size()) {
+    if (choices.ExplainsAll({true, true, true, false})) {
       finding.kind = Finding::Kind::Missing;
-    } else if (std::all_of(alerts.begin(), alerts.end(),
-                           [&phases](const SoakAlert& alert) { return WasShown(alert, phases); })) {
+    } else if (AllWereShown(alerts, phases, mixtures)) {
       finding.kind = Finding::Kind::Repeated;
     } else {
       finding.kind = Finding::Kind::Invented;
@@ -303,4 +485,18 @@ Verdict Judge(const Segment& segment, milliseconds bound, SoakTime origin) {
     verdict.findings.push_back(std::move(finding));
   }
   return verdict;
+}
+
+bool LastMayBeMixed(const Segment& segment, milliseconds bound, SoakTime by) {
+  for (std::size_t i = 0; i + 1 < segment.states.size(); ++i) {
+    const VisibleState& last = segment.states.back();
+    const VisibleState& older = segment.states[i];
+    const bool differs = !older.content || !last.content ||
+                         (older.content->size() < last.content->size() &&
+                          last.content->compare(0, older.content->size(), *older.content) != 0);
+    if (AreOfOneFile(older, last) && differs && CanLast(segment, i, by, bound)) {
+      return true;
+    }
+  }
+  return false;
 }

@@ -47,6 +47,8 @@ struct VisibleState {
   Sight sight;
   RootAccounts roots;
   std::string cause;
+  std::uint64_t inode = 0;             // two states with the same one are of one file; 0 for none
+  std::optional<std::string> content;  // of late states that can be read
 };
 
 struct SoakAlert {
@@ -67,6 +69,10 @@ struct Segment {
   std::vector<Delay> delays;
   SoakTime end;
   bool lastWasRead = false;  // an alert of the last state has arrived that comes after all others
+
+  // The contents of the oldest states go when there are more than this.
+  static constexpr std::size_t contentsKept = 2000;
+  void Add(VisibleState state);
 };
 
 struct Finding {
@@ -82,12 +88,21 @@ struct Verdict {
   // there, or with nothing.
   std::size_t repeatsAfterBegun = 0;
   std::size_t repeatsAfterEmpty = 0;
+  // Alerts for what no content held, but the beginning of one with the end of a later one of the same file.
+  std::size_t alertsOfMixtures = 0;
 };
 
 // An account that stands for as long as the bound, delays not counted, has to be alerted within it, unless
 // the agent knew of it. Where only shorter stays are left, any number of readings between none and all of
 // them is right, and the alerts have to be those of one such choice.
+//
+// A reading that is held up in its middle while the file is written anew in place goes on in the new content
+// at the length of the old one. The account that comes of the line at the cut may be alerted once.
 Verdict Judge(const Segment& segment, std::chrono::milliseconds bound, SoakTime origin);
+
+// Whether a reading that is over by then may have found the end of the last state behind the whole of an
+// older one: what is at the end of the last state is then no proof that its beginning has been read.
+bool LastMayBeMixed(const Segment& segment, std::chrono::milliseconds bound, SoakTime by);
 
 // The last states of the file and the last alerts, of all accounts, as one text.
 std::string Described(const Segment& segment, SoakTime origin);

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,7 +34,12 @@ class Story {
     for (const std::string& name : names) {
       roots[name] = Account(name);
     }
-    segment.states.push_back({At(earliest), At(latest), sight, roots, "change"});
+    segment.Add({At(earliest), At(latest), sight, roots, "change", 0, std::nullopt});
+    return *this;
+  }
+  // The file with this inode has this content from a moment on.
+  Story& Contains(int ms, std::uint64_t inode, const std::string& content, Sight sight = Sight::Whole) {
+    segment.Add({At(ms), At(ms), sight, RootAccountsIn(content), "change", inode, content});
     return *this;
   }
   Story& IsEmpty(int ms) { return Holds(ms, {}, Sight::Empty); }
@@ -67,6 +74,7 @@ class Story {
     return found;
   }
   const Verdict& Judged() const { return verdict; }
+  const Segment& Told() const { return segment; }
 
  private:
   Story& End(int ms, bool lastWasRead) {
@@ -297,6 +305,298 @@ TEST(Judge, ATruncationIsNotBlamedForWhatAnAbsenceExplains) {
   EXPECT_THAT(story.Findings(), IsEmpty());
   EXPECT_EQ(story.Judged().repeatsAfterEmpty, 0U);
   EXPECT_EQ(story.Judged().repeatsAfterBegun, 0U);
+}
+
+// The first content ends where the third letter of the later one's "n10855" does: a reading that has taken
+// all of the first and goes on in the later one finds "855:".
+constexpr std::uint64_t file = 7;
+constexpr std::uint64_t otherFile = 8;
+const std::string rootLine = "root:x:0:0:root:/root:/bin/bash\n";
+const std::string before = rootLine + "toor:x:0:0::/nowhere:/bin/sh\n";
+const std::string cutLine = "n10855:x:0:0::/nowhere:/bin/sh\n";
+const std::string later = rootLine + std::string(before.size() - rootLine.size() - 4, '#') + "\n" + cutLine;
+
+RootAccounts Mixed() { return RootAccountsIn(before + later.substr(before.size())); }
+
+TEST(Judge, TheExampleOfAMixtureIsOne) {
+  EXPECT_THAT(Mixed(), ElementsAre(Pair("855", Account("855")), Pair("toor", Account("toor"))));
+  EXPECT_THAT(RootAccountsIn(later), ElementsAre(Pair("n10855", Account("n10855"))));
+}
+
+// The agent knows the first content; the file is written anew and the agent reads it again.
+Story MixedStory(const std::string& alerted, std::uint64_t laterFile = file) {
+  return Story()
+      .GoesOn()
+      .Contains(0, file, before)
+      .Contains(20, file, "", Sight::Empty)
+      .Contains(30, laterFile, later)
+      .Alert(35, alerted)
+      .Alert(40, "n10855");
+}
+
+TEST(Judge, AnAlertOfAReadingThatMixedTwoContentsIsCountedApart) {
+  const Story story = MixedStory("855").Read(50);
+  EXPECT_THAT(story.Findings(), IsEmpty());
+  EXPECT_EQ(story.Judged().alertsOfMixtures, 1U);
+  EXPECT_EQ(story.Judged().repeatsAfterEmpty, 0U);
+  EXPECT_EQ(story.Judged().repeatsAfterBegun, 0U);
+}
+
+TEST(Judge, WhatNeedsNoMixtureIsNotCountedAsOne) {
+  const Story story = Story()
+                          .GoesOn()
+                          .Contains(0, file, before)
+                          .Contains(20, file, "", Sight::Empty)
+                          .Contains(30, file, later)
+                          .Alert(40, "n10855")
+                          .Read(50);
+  EXPECT_THAT(story.Findings(), IsEmpty());
+  EXPECT_EQ(story.Judged().alertsOfMixtures, 0U);
+}
+
+TEST(Judge, ContentsThatAreNotNeighboursMixAsWell) {
+  const Story story = Story()
+                          .GoesOn()
+                          .Contains(0, file, before)
+                          .Contains(20, file, rootLine)
+                          .IsAway(22)
+                          .Contains(24, otherFile, rootLine)
+                          .Contains(26, file, rootLine)
+                          .Contains(30, file, later)
+                          .Alert(35, "855")
+                          .Alert(40, "n10855")
+                          .Read(50);
+  EXPECT_THAT(story.Findings(), IsEmpty());
+  EXPECT_EQ(story.Judged().alertsOfMixtures, 1U);
+}
+
+TEST(Judge, AMixtureEndsInAContentThatIsBeingWritten) {
+  const Story story = Story()
+                          .GoesOn()
+                          .Contains(0, file, before)
+                          .Contains(20, file, later.substr(0, later.size() - 3), Sight::Begun)
+                          .Alert(25, RootAccount{"855", 0, 0, "/nowhere", "/bin"})
+                          .Contains(30, file, rootLine)
+                          .Killed(50);
+  EXPECT_THAT(story.Findings(), ElementsAre("invented 855"));  // that much shows "/bin/", not "/bin"
+
+  const Story whole = Story()
+                          .GoesOn()
+                          .Contains(0, file, before)
+                          .Contains(20, file, later.substr(0, later.size() - 4), Sight::Begun)
+                          .Alert(25, RootAccount{"855", 0, 0, "/nowhere", "/bin"})
+                          .Contains(30, file, rootLine)
+                          .Killed(50);
+  EXPECT_THAT(whole.Findings(), IsEmpty());
+  EXPECT_EQ(whole.Judged().alertsOfMixtures, 1U);
+}
+
+TEST(Judge, ALineThatWasBegunGoesOnInTheLaterContent) {
+  const std::string begun = rootLine + "evil:x:0:0::/no";
+  const std::string longer = rootLine + "################where:/bin/sh\n";
+  const Story story = Story()
+                          .GoesOn()
+                          .Contains(0, file, begun, Sight::Begun)
+                          .Contains(20, file, longer)
+                          .Alert(30, RootAccount{"evil", 0, 0, "/no#where", "/bin/sh"})
+                          .Read(50);
+  ASSERT_EQ(longer.substr(begun.size()), "#where:/bin/sh\n");
+  EXPECT_THAT(story.Findings(), IsEmpty());
+  EXPECT_EQ(story.Judged().alertsOfMixtures, 1U);
+}
+
+TEST(Judge, ContentsOfTwoFilesDoNotMix) {
+  const Story story = MixedStory("855", otherFile).Read(50);
+  EXPECT_THAT(story.Findings(), ElementsAre("invented 855"));
+  EXPECT_EQ(story.Judged().alertsOfMixtures, 0U);
+}
+
+TEST(Judge, ContentsOfAFileThatIsNotKnownDoNotMix) {
+  const Story story = Story()
+                          .GoesOn()
+                          .Contains(0, 0, before)
+                          .Contains(30, 0, later)
+                          .Alert(35, "855")
+                          .Alert(40, "n10855")
+                          .Read(50);
+  EXPECT_THAT(story.Findings(), ElementsAre("invented 855"));
+}
+
+TEST(Judge, AContentDoesNotMixWithAnEarlierOne) {
+  EXPECT_THAT(Story()
+                  .GoesOn()
+                  .Contains(0, file, rootLine)
+                  .Contains(10, file, later)
+                  .Alert(15, "n10855")
+                  .Contains(20, file, before)
+                  .Alert(35, "855")
+                  .Alert(35, "toor")
+                  .Read(50)
+                  .Findings(),
+              ElementsAre("invented 855"));
+}
+
+TEST(Judge, AContentThatComesAfterTheAlertDoesNotMix) {
+  EXPECT_THAT(Story()
+                  .GoesOn()
+                  .Contains(0, file, before)
+                  .Alert(29, "855")
+                  .Contains(30, file, later)
+                  .Alert(40, "n10855")
+                  .Read(50)
+                  .Findings(),
+              ElementsAre("invented 855"));
+}
+
+TEST(Judge, ATailThatDoesNotFollowFromTheLengthIsInvented) {
+  for (const std::string name : {"55", "5", "0855", "10855"}) {
+    EXPECT_THAT(MixedStory(name).Read(50).Findings(), ElementsAre("invented " + name));
+  }
+}
+
+TEST(Judge, ANameThatEndsLikeAnAccountButIsNotAtTheCutIsInvented) {
+  const std::string further = later + "m20777:x:0:0::/nowhere:/bin/sh\n";
+  EXPECT_THAT(Story()
+                  .GoesOn()
+                  .Contains(0, file, before)
+                  .Contains(30, file, further)
+                  .Alert(35, "777")
+                  .Alert(40, "m20777")
+                  .Alert(40, "n10855")
+                  .Read(50)
+                  .Findings(),
+              ElementsAre("invented 777"));
+}
+
+TEST(Judge, AMixtureWithAnotherFieldIsInvented) {
+  EXPECT_THAT(Story()
+                  .GoesOn()
+                  .Contains(0, file, before)
+                  .Contains(30, file, later)
+                  .Alert(35, RootAccount{"855", 0, 0, "/nowhere", "/bin/zsh"})
+                  .Alert(40, "n10855")
+                  .Read(50)
+                  .Findings(),
+              ElementsAre("invented 855"));
+}
+
+TEST(Judge, AMixtureHasToBeReadWithinTheBoundAfterTheOlderContentWasGone) {
+  EXPECT_THAT(Story()
+                  .GoesOn()
+                  .Contains(0, file, before)
+                  .Contains(20, file, "", Sight::Empty)
+                  .Contains(30, file, later)
+                  .Alert(2521, "855")
+                  .Killed(2525)
+                  .Findings(),
+              ElementsAre("invented 855"));
+  EXPECT_THAT(Story()
+                  .GoesOn()
+                  .Contains(0, file, before)
+                  .Contains(20, file, "", Sight::Empty)
+                  .Contains(30, file, later)
+                  .Alert(2520, "855")
+                  .Killed(2525)
+                  .Findings(),
+              IsEmpty());
+}
+
+TEST(Judge, TheStopOfTheAgentInTheMiddleOfAReadingDoesNotCount) {
+  const Story story = Story()
+                          .GoesOn()
+                          .Contains(0, file, before)
+                          .Delayed(10, 9000)
+                          .Contains(20, file, "", Sight::Empty)
+                          .Contains(30, file, later)
+                          .Alert(9100, "855")
+                          .Alert(9101, "n10855")
+                          .Read(9200);
+  EXPECT_THAT(story.Findings(), IsEmpty());
+  EXPECT_EQ(story.Judged().alertsOfMixtures, 1U);
+}
+
+TEST(Judge, AMixtureExplainsNoMoreThanOneAlert) {
+  EXPECT_THAT(Story()
+                  .GoesOn()
+                  .Contains(0, file, before)
+                  .Contains(30, file, later)
+                  .Alert(35, "855")
+                  .Alert(36, "855")
+                  .Alert(40, "n10855")
+                  .Read(50)
+                  .Findings(),
+              ElementsAre("repeated 855"));
+}
+
+TEST(Judge, AMixtureHidesNoAccountThatIsMissing) {
+  EXPECT_THAT(Story()
+                  .GoesOn()
+                  .Contains(0, file, before)
+                  .Contains(30, file, later)
+                  .Alert(35, "855")
+                  .Read(50)
+                  .Findings(),
+              ElementsAre("missing n10855"));
+}
+
+TEST(Judge, ARealAccountBehindTheCutIsAlertedOnce) {
+  const std::string further = later + "real:x:0:0::/nowhere:/bin/sh\n";
+  const auto story = [&further] {
+    return Story()
+        .GoesOn()
+        .Contains(0, file, before)
+        .Contains(30, file, further)
+        .Alert(35, "855")
+        .Alert(35, "real")
+        .Alert(40, "n10855");
+  };
+  EXPECT_THAT(story().Read(50).Findings(), IsEmpty());
+  EXPECT_EQ(story().Read(50).Judged().alertsOfMixtures, 1U);
+  EXPECT_THAT(story().Alert(45, "real").Read(50).Findings(), ElementsAre("repeated real"));
+}
+
+TEST(Judge, AnAccountThatAMixtureShowedWronglyIsKnownWhereTheLaterContentHasIt) {
+  const std::string begun = rootLine + "evil:x:0:0::/no";
+  const std::string longer = rootLine + "################where:/bin/sh\nevil:x:0:0::/nowhere:/bin/sh\n";
+  EXPECT_THAT(Story()
+                  .GoesOn()
+                  .Contains(0, file, begun, Sight::Begun)
+                  .Contains(20, file, longer)
+                  .Alert(30, RootAccount{"evil", 0, 0, "/no#where", "/bin/sh"})
+                  .Read(50)
+                  .Findings(),
+              IsEmpty());
+}
+
+TEST(Judge, AnAccountOfAMixtureIsForgottenByTheNextReadingAndHasToBeAlertedWhenItComes) {
+  const auto story = [] {
+    return MixedStory("855").Contains(3000, file, later + "855:x:0:0::/nowhere:/bin/sh\n");
+  };
+  EXPECT_THAT(story().Read(3100).Findings(), ElementsAre("missing 855"));
+  EXPECT_THAT(story().Alert(3050, "855").Read(3100).Findings(), IsEmpty());
+}
+
+TEST(Judge, TheContentsOfOldStatesAreForgottenAndExplainNothing) {
+  const auto findings = [](std::size_t states) {
+    Story story;
+    story.GoesOn().Contains(0, file, before);
+    for (std::size_t i = 2; i < states; ++i) {
+      story.Contains(20, otherFile, rootLine);
+    }
+    return story.Contains(30, file, later).Alert(35, "855").Killed(50).Findings();
+  };
+  EXPECT_THAT(findings(Segment::contentsKept), IsEmpty());
+  EXPECT_THAT(findings(Segment::contentsKept + 1), ElementsAre("invented 855"));
+}
+
+TEST(LastMayBeMixed, OnlyWithADifferentShorterContentOfTheSameFileOfLate) {
+  const auto may = [](const Story& story, int by) { return LastMayBeMixed(story.Told(), bound, At(by)); };
+  const std::string appended = before + cutLine;
+  EXPECT_TRUE(may(Story().Contains(0, file, before).Contains(30, file, later), 2530));
+  EXPECT_FALSE(may(Story().Contains(0, file, before).Contains(30, file, later), 2531));
+  EXPECT_FALSE(may(Story().Contains(0, file, before).Contains(30, otherFile, later), 40));
+  EXPECT_FALSE(may(Story().Contains(0, file, before).Contains(30, file, appended), 40));
+  EXPECT_FALSE(may(Story().Contains(0, file, later).Contains(30, file, before), 40));
 }
 
 TEST(Judge, AFindingTellsTheHistoryOfItsAccount) {

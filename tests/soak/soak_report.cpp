@@ -42,6 +42,7 @@ std::ostream& operator<<(std::ostream& stream, const SoakReport& report) {
       {"states of the file", report.states},
       {"alerts", report.alerts},
       {"exact checks", report.checks},
+      {"  with a second marker", report.secondMarkers},
       {"lives of the process", report.lives},
       {"  killed", report.kills},
       {"  ended in order", report.orderlyEnds},
@@ -52,12 +53,13 @@ std::ostream& operator<<(std::ostream& stream, const SoakReport& report) {
       {"blocked pipes", report.blockedPipes},
       {"repeats after an empty file was read", report.repeatsAfterEmpty},
       {"repeats after a part of one was read", report.repeatsAfterBegun},
+      {"alerts of a reading that mixed two contents", report.alertsOfMixtures},
       {"broken records", report.brokenRecords},
       {"wrong ends", report.wrongEnds},
   };
   stream << "\n";
   for (const auto& [name, value] : lines) {
-    stream << std::left << std::setw(38) << name << std::right << std::setw(8) << value << "\n";
+    stream << std::left << std::setw(46) << name << std::right << std::setw(8) << value << "\n";
   }
   return stream << report.missing << " missing, " << report.invented << " invented, " << report.repeated
                 << " repeated\n";

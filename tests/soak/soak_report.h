@@ -33,6 +33,8 @@ struct SoakReport {
   std::size_t repeated = 0;
   std::size_t repeatsAfterBegun = 0;
   std::size_t repeatsAfterEmpty = 0;
+  std::size_t alertsOfMixtures = 0;
+  std::size_t secondMarkers = 0;
   std::size_t brokenRecords = 0;
   std::size_t wrongEnds = 0;
 
