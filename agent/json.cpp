@@ -1,5 +1,6 @@
 #include "agent/json.h"
 
+#include <atomic>
 #include <cstddef>
 #include <map>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/safe_text.h"
 #include "host/json.h"
 
 namespace {
@@ -16,9 +18,23 @@ namespace {
 // Deeper texts are refused: values are copied and written by recursion, and no policy nests like that.
 constexpr std::size_t deepestNesting = 1000;
 
+std::atomic<void (*)(const std::string&)> reportInvalidText{nullptr};
+
+void ReportIfInvalid(const std::string& text) {
+  void (*const report)(const std::string&) = reportInvalidText;
+  if (report == nullptr || IsUtf8(text)) {
+    return;
+  }
+  try {
+    report(text);
+  } catch (...) {  // no memory for the report; the alert matters more
+  }
+}
+
 // Bytes that are no UTF-8 become U+FFFD and everything beyond ASCII is escaped: whatever an account is
 // called, its alert is written, on one line.
 std::string QuotedText(std::string text) {
+  ReportIfInvalid(text);
   return nlohmann::json(std::move(text)).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
 }
 
@@ -351,6 +367,8 @@ std::optional<JsonFault> FindJsonFault(const std::string& text) {
   }
   return found;
 }
+
+void ReportInvalidTextTo(void (*report)(const std::string& raw)) { reportInvalidText = report; }
 
 namespace utils {
 namespace MyJson {

@@ -127,3 +127,24 @@ std::size_t AppendSafeText(const std::string& text, std::size_t longest, std::st
   }
   return at;
 }
+
+bool IsUtf8(const std::string& text) {
+  std::size_t at = 0;
+  while (at < text.size()) {
+    const std::size_t length = CharacterAt(text, at).length;
+    if (length == 0) {
+      return false;
+    }
+    at += length;
+  }
+  return true;
+}
+
+std::string HexText(const std::string& bytes) {
+  std::string hex;
+  hex.reserve(2 * bytes.size());
+  for (std::size_t at = 0; at < bytes.size(); ++at) {
+    AppendHex(ByteAt(bytes, at), 2, hex);
+  }
+  return hex;
+}

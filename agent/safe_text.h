@@ -14,4 +14,9 @@ std::string SafeText(const std::string& text);
 // escape; returns how many bytes of text that stands for.
 std::size_t AppendSafeText(const std::string& text, std::size_t longest, std::string& out);
 
+bool IsUtf8(const std::string& text);
+
+// Two hexadecimal digits for each byte.
+std::string HexText(const std::string& bytes);
+
 #endif  // VELTA_AGENT_SAFE_TEXT_H

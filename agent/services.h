@@ -6,8 +6,8 @@ class Logger;
 class SendQueue;
 class TaskScheduler;
 
-// Where the functions of host/ find the agent's services: the only process-wide state of the agent. Installed
-// by construction, withdrawn by destruction; one at a time.
+// Where the functions of host/ find the agent's services. Installed by construction, withdrawn by
+// destruction; one at a time.
 //
 // Owns nothing: the services outlive it, and it outlives every loaded module.
 //

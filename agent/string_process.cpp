@@ -3,8 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "agent/account_number.h"
 
 namespace {
 
@@ -62,10 +65,16 @@ std::vector<std::string> StrSplit(const std::string& text, const std::string& se
 }  // namespace StringProcess
 }  // namespace Utils
 
-// Takes what the C library's reader of accounts takes, blanks and signs in front included: an account with
-// user ID " +0" is root to the host, so it must be root to us. What the library would wrap around is refused.
+// To base 10 exactly what the C library takes in a line of the account file: an account with user ID " +0" is
+// root to a host with glibc, so it must be root to us.
 bool ConvertStrToNum(const std::string& text, unsigned& value, int base) {
   static_assert(std::numeric_limits<unsigned>::digits == 32, "the result is a number of 32 bits");
+  if (base == 10) {
+    static AccountNumberReader reader(AskThisLibrary);
+    const std::optional<std::uint32_t> number = reader.Read(text);
+    value = number.value_or(value);
+    return number.has_value();
+  }
   if (base < 2 || base > 36) {
     return false;
   }

@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cstddef>
+#include <new>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -490,6 +491,58 @@ TEST(JsonTextOfAValueTest, EveryTextOfOneOrTwoBytesIsOneLineThatReadsBackTheSame
       ASSERT_NO_FATAL_FAILURE(ExpectIsWrittenAndReadBack(content));
     }
   }
+}
+
+std::vector<std::string> reported;
+
+class InvalidTextReportTest : public testing::Test {
+ protected:
+  InvalidTextReportTest() {
+    reported.clear();
+    ReportInvalidTextTo([](const std::string& raw) { reported.push_back(raw); });
+  }
+  ~InvalidTextReportTest() override { ReportInvalidTextTo(nullptr); }
+};
+
+TEST_F(InvalidTextReportTest, EachTextThatIsNotUtf8IsReportedOnceAsItCame) {
+  MyValue root;
+  root["valid"] = std::string("\xc3\xa9 \xf0\x9f\x98\x80 \xef\xbf\xbd \x1b \"", 17);
+  root["invalid"] = std::string("too\xffr");
+  root["literal"] = "\xc3(";
+  root["overlong"] = std::string("a\0\xc0\x80", 4);
+  root["number"] = 1;
+  MyValue copy;
+  copy.JsonItemAddToObject("root", root);
+  EXPECT_THAT(reported, testing::ElementsAre("too\xffr", "\xc3(", std::string("a\0\xc0\x80", 4)));
+
+  JsonToString(copy);
+  EXPECT_EQ(reported.size(), 3u) << "writing what is quoted already reports nothing";
+}
+
+TEST_F(InvalidTextReportTest, ANameThatIsNotUtf8IsReportedWhenItIsWritten) {
+  MyValue root;
+  root["\xfe"] = 1;
+  EXPECT_EQ(JsonToString(root), R"({"\ufffd":1})");
+  EXPECT_THAT(reported, testing::ElementsAre("\xfe"));
+}
+
+TEST_F(InvalidTextReportTest, AReportThatThrowsChangesNothing) {
+  ReportInvalidTextTo([](const std::string& raw) {
+    reported.push_back(raw);
+    throw std::bad_alloc();
+  });
+  MyValue root;
+  EXPECT_NO_THROW(root["name"] = std::string("too\xffr"));
+  EXPECT_EQ(JsonToString(root), R"({"name":"too\ufffdr"})");
+  EXPECT_THAT(reported, testing::ElementsAre("too\xffr"));
+}
+
+TEST_F(InvalidTextReportTest, WithoutAReceiverNothingIsReported) {
+  ReportInvalidTextTo(nullptr);
+  MyValue root;
+  root["name"] = std::string("too\xffr");
+  EXPECT_EQ(JsonToString(root), R"({"name":"too\ufffdr"})");
+  EXPECT_THAT(reported, testing::IsEmpty());
 }
 
 }  // namespace

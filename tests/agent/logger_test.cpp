@@ -21,6 +21,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "agent/safe_text.h"
 #include "agent/utc_time.h"
 
 namespace {
@@ -329,6 +330,30 @@ TEST(LoggerFileTest, ALineThatAFullDiskCutShortIsNotJoinedToTheNext) {
   EXPECT_THAT(Records(file.Content()),
               ElementsAre("info cut h", "warning 2 log records dropped: the log could not be written",
                           "info room again"));
+}
+
+TEST(LoggerFileTest, EveryTextOfOneOrTwoBytesIsOneRecordOfPrintableCharacters) {
+  const TemporaryFile file;
+  std::vector<std::string> expected;
+  {
+    Logger logger(LogLevel::Debug, file.Descriptor());
+    for (int first = 0; first < 256; ++first) {
+      for (int second = -1; second < 256; ++second) {
+        std::string text(1, static_cast<char>(first));
+        if (second >= 0) {
+          text += static_cast<char>(second);
+        }
+        logger.Info(text);
+        expected.push_back("info " + SafeText(text));
+      }
+    }
+  }
+  const std::string content = file.Content();
+  EXPECT_EQ(Records(content), expected);
+  for (std::size_t at = 0; at < content.size(); ++at) {
+    const unsigned char byte = static_cast<unsigned char>(content[at]);
+    ASSERT_TRUE(byte == '\n' || (byte >= ' ' && byte != 0x7f)) << "at " << at;
+  }
 }
 
 TEST(LoggerFileTest, RecordsOfManyThreadsAreWholeAndInTheOrderOfEachThread) {

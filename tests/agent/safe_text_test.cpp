@@ -115,4 +115,26 @@ TEST(SafeTextTest, ACutSplitsNeitherCharactersNorEscapes) {
   }
 }
 
+TEST(Utf8Test, OnlyWholeAndShortestSequencesOfCodePointsAreUtf8) {
+  for (const std::string& text :
+       {std::string(), std::string("toor"), std::string("\0\x01\x7f", 3), std::string("\xc2\x80\xdf\xbf"),
+        std::string("\xe0\xa0\x80\xed\x9f\xbf\xee\x80\x80\xef\xbf\xbf"),
+        std::string("\xf0\x90\x80\x80\xf4\x8f\xbf\xbf")}) {
+    EXPECT_TRUE(IsUtf8(text)) << testing::PrintToString(text);
+    EXPECT_FALSE(IsUtf8(text + "\xff")) << testing::PrintToString(text);
+    EXPECT_FALSE(IsUtf8("\xff" + text)) << testing::PrintToString(text);
+  }
+  for (const char* const text :
+       {"\x80", "\xc3", "\xc3(", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xe2\x82", "\xf0\x8f\xbf\xbf",
+        "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80"}) {
+    EXPECT_FALSE(IsUtf8(text)) << testing::PrintToString(text);
+  }
+}
+
+TEST(HexTextTest, IsTwoDigitsForEachByte) {
+  EXPECT_EQ(HexText(""), "");
+  EXPECT_EQ(HexText("too\xffr"), "746f6fff72");
+  EXPECT_EQ(HexText(std::string("\0\x01\x9a\xf0", 4)), "00019af0");
+}
+
 }  // namespace

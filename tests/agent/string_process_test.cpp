@@ -114,6 +114,7 @@ TEST(ConvertStrToNumTest, TakesWhatTheCLibraryTakes) {
       {" \t\n\v\f\r+0", 10, 0},
       {std::string(1000, ' ') + "5", 10, 5},
       {"08", 10, 8},
+      {"-18446744073709551615", 10, 1},  // turned in 64 bits on all targets; see account_number_test.cpp
       {"11111111111111111111111111111111", 2, 4294967295U},
       {"37777777777", 8, 4294967295U},
       {"ffffffff", 16, 4294967295U},
@@ -159,7 +160,6 @@ TEST(ConvertStrToNumTest, RefusesEverythingElseAndLeavesTheValueAlone) {
       {"-1", 10},
       {"-4294967295", 10},
       {"-4294967296", 10},
-      {"-18446744073709551615", 10},
       {"-18446744073709551616", 10},
       {"4294967296", 10},
       {"42949672950", 10},

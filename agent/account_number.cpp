@@ -1,0 +1,38 @@
+#include "agent/account_number.h"
+
+#include <cstdint>
+#include <limits>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace {
+
+// Refuses where strtoul takes the largest number instead: a number that nobody wrote is worse than none.
+constexpr AccountNumberRules strtoulRules{true,
+                                          true,
+                                          true,
+                                          true,
+                                          true,
+                                          true,
+                                          MinusSign::Turned,
+                                          false,
+                                          std::numeric_limits<unsigned long>::digits,
+                                          BeyondRange::Refused,
+                                          BeyondRange::Refused};
+
+}  // namespace
+
+std::optional<std::uint32_t> AccountNumberReader::Read(const std::string& text) {
+  std::uint32_t number = 0;
+  if (!ReadAccountNumber(Rules(), text.data(), text.size(), number)) {
+    return std::nullopt;
+  }
+  return number;
+}
+
+AccountNumberRules AccountNumberReader::Rules() {
+  const std::lock_guard<std::mutex> lock(mutex);
+  known = known || FindAccountNumberRules(ask, rules);
+  return known ? rules : strtoulRules;
+}
