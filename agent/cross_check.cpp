@@ -12,6 +12,7 @@
 
 #include "agent/account_file.h"
 #include "agent/file_monitor.h"
+#include "agent/logger.h"
 #include "agent/send_queue.h"
 #include "agent/task_scheduler.h"
 #include "agent/uncovered_accounts.h"
@@ -23,6 +24,9 @@ namespace {
 // As the module's own: the timer is there for what no event and no stat tells.
 constexpr std::int64_t firstReadingMs = 10000;
 constexpr std::int64_t readingIntervalMs = 300000;
+
+// Each of them is asked about and remembered. Whoever makes more has been reported often enough.
+constexpr std::size_t mostAccounts = 100000;
 
 class ReadDescriptor {
  public:
@@ -85,8 +89,12 @@ std::string EventOf(const UncoveredAccount& account) {
 }  // namespace
 
 CrossCheck::CrossCheck(const std::string& accountFile, TaskScheduler& taskScheduler, FileMonitor& fileMonitor,
-                       SendQueue& sendQueue)
-    : path(accountFile), scheduler(taskScheduler), monitor(fileMonitor), queue(sendQueue) {
+                       SendQueue& sendQueue, Logger& checkLogger)
+    : path(accountFile),
+      scheduler(taskScheduler),
+      monitor(fileMonitor),
+      queue(sendQueue),
+      logger(checkLogger) {
   utils::thread::TASK_CONDITION condition = utils::thread::TASK_CONDITION();
   condition.startDelayMs = firstReadingMs;
   condition.intervalMs = readingIntervalMs;
@@ -117,6 +125,7 @@ CrossCheck::~CrossCheck() { End(); }
 
 // The watch goes first, so that no event launches a task that is going away.
 void CrossCheck::End() {
+  ending = true;
   monitor.Remove(watch);
   scheduler.PauseAndWait(taskId);
   scheduler.Unregister(taskId);
@@ -131,16 +140,22 @@ void CrossCheck::Read() {
     return;
   }
   std::set<std::string> found;
-  std::vector<std::string> events;
-  for (const UncoveredAccount& account : FindUncoveredRoots(*content)) {
-    const bool isNew = found.insert(account.userName).second && standing.count(account.userName) == 0;
-    if (isNew) {
-      events.push_back(EventOf(account));
-    }
-  }
-  // From here on nothing fails: an event is neither lost nor sent twice when memory is short.
-  for (const std::string& event : events) {
-    queue.Push(event, SendQueue::Lane::Findings);
+  bool all = true;
+  // An event leaves as soon as it is made. Should memory fail on the way, the next reading repeats some; a
+  // repeated event is better than a lost one.
+  ForEachUncoveredRoot(
+      *content,
+      [&](const UncoveredAccount& account) {
+        if (found.insert(account.userName).second && standing.count(account.userName) == 0) {
+          queue.Push(EventOf(account), SendQueue::Lane::Findings);
+        }
+        all = found.size() < mostAccounts;
+        return all;
+      },
+      &ending);
+  if (!all) {
+    logger.Error("cross-check: " + std::to_string(mostAccounts) + " uncovered accounts in " + path +
+                 "; there may be more");
   }
   standing.swap(found);
 }

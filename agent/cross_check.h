@@ -8,6 +8,7 @@
 #include "host/file_monitor.h"
 
 class FileMonitor;
+class Logger;
 class SendQueue;
 class TaskScheduler;
 
@@ -19,12 +20,12 @@ class TaskScheduler;
 // "uncovered-root-account". A file that cannot be read changes nothing.
 //
 // Thread use: construction, destruction and Enable on the control thread; readings on the scheduler's
-// workers, one at a time. Destruction waits for a reading. Construction throws std::runtime_error when the
+// workers, one at a time. Destruction ends a reading. Construction throws std::runtime_error when the
 // task or the watch is not to be had.
 class CrossCheck {
  public:
   CrossCheck(const std::string& accountFile, TaskScheduler& taskScheduler, FileMonitor& fileMonitor,
-             SendQueue& sendQueue);
+             SendQueue& sendQueue, Logger& checkLogger);
   ~CrossCheck();
   CrossCheck(const CrossCheck&) = delete;
   CrossCheck& operator=(const CrossCheck&) = delete;
@@ -40,6 +41,8 @@ class CrossCheck {
   TaskScheduler& scheduler;
   FileMonitor& monitor;
   SendQueue& queue;
+  Logger& logger;
+  std::atomic<bool> ending{false};  // a reading that runs need not be finished
   std::atomic<bool> enabled{false};
   unsigned taskId = 0;
   FileWatchRule watch = FileWatchRule();

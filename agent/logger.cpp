@@ -196,6 +196,20 @@ void Logger::Write(LogLevel level, const std::string& text) {
   }
 }
 
+// Parts are short enough to fit a record even when each of their characters becomes two.
+void Logger::WriteInParts(LogLevel level, const std::string& what, const std::string& text) {
+  constexpr std::size_t longestPart = longestText / 2 - 100;
+  try {
+    const std::size_t parts = std::max<std::size_t>(1, (text.size() + longestPart - 1) / longestPart);
+    for (std::size_t part = 0; part < parts; ++part) {
+      const std::string place =
+          parts == 1 ? "" : ", part " + std::to_string(part + 1) + " of " + std::to_string(parts);
+      Write(level, what + place + ": " + text.substr(part * longestPart, longestPart));
+    }
+  } catch (...) {  // no memory for the record: whoever logs goes on without it
+  }
+}
+
 std::string PrintedText(const char* format, std::va_list arguments) {
   char text[Logger::longestText + 2];  // one byte more than a record takes, and the end
   const int length = std::vsnprintf(text, sizeof(text), format, arguments);

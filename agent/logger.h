@@ -31,7 +31,17 @@ class Logger {
   void Error(const std::string& text) { Write(LogLevel::Error, text); }
   void Write(LogLevel level, const std::string& text);
 
+  // "what: text", or as many records "what, part 1 of 3: ..." as it takes to write all of the text.
+  void WarningInParts(const std::string& what, const std::string& text) {
+    WriteInParts(LogLevel::Warning, what, text);
+  }
+  void ErrorInParts(const std::string& what, const std::string& text) {
+    WriteInParts(LogLevel::Error, what, text);
+  }
+
  private:
+  void WriteInParts(LogLevel level, const std::string& what, const std::string& text);
+
   class Backend;
   std::unique_ptr<Backend> backend;
 };

@@ -28,12 +28,14 @@
 #include "agent/send_queue.h"
 #include "agent/services.h"
 #include "agent/task_scheduler.h"
+#include "host/string_process.h"
 
 namespace {
 
-// The module's task and the cross-check, side by side: an alert does not wait for the second opinion.
-constexpr unsigned workerCount = 2;
-constexpr std::chrono::milliseconds drainPatience{4000};
+// One after the other: side by side, the module's task and the cross-check could take the last descriptor
+// from each other, and the module would take that for a missing file.
+constexpr unsigned workerCount = 1;
+constexpr std::chrono::milliseconds drainPatience{3000};
 
 // A step that cannot be done, with the code to end with.
 class Failure : public std::runtime_error {
@@ -207,11 +209,15 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
       Started("file monitor", [&] { return FileMonitor(logger, options.identityInterval); });
   InstalledServices services(logger, queue, scheduler, monitor);  // the functions of host/ land here
   ReportInvalidTextTo([](const std::string& raw) {
-    InstalledServices::Current().logger.Warning("json: a text is not UTF-8, its bytes: " + HexText(raw));
+    InstalledServices::Current().logger.WarningInParts("json: a text is not UTF-8, its bytes", HexText(raw));
   });
+  // The C library is asked how it reads numbers now, while there is one thread: its reader may not be used by
+  // two.
+  unsigned zero = 0;
+  static_cast<void>(ConvertStrToNum("0", zero, 10));
   std::optional<CrossCheck> crossCheck;
   if (options.crossCheck) {
-    OrFail(EXIT_SYSTEM, [&] { crossCheck.emplace(accountFilePath, scheduler, monitor, queue); });
+    OrFail(EXIT_SYSTEM, [&] { crossCheck.emplace(accountFilePath, scheduler, monitor, queue, logger); });
   }
   // Last: unloaded while everything that it calls still stands.
   const LoadedModule module = OrFail(EXIT_MODULE, [&] { return LoadedModule(modulePath); });

@@ -120,10 +120,10 @@ bool SendQueue::Drain(std::optional<milliseconds> patience) {
 
 void SendQueue::TellLeftLocked(const Waiting& lane) {
   for (const std::string& event : lane.events) {
-    logger.Error("send queue: not delivered: " + event);
+    logger.ErrorInParts("send queue: not delivered", event);
   }
   if (lane.lost.Count() > 0) {
-    logger.Error("send queue: not delivered: " + lane.lost.Summary(UtcTimeText(std::time(nullptr))));
+    logger.ErrorInParts("send queue: not delivered", lane.lost.Summary(UtcTimeText(std::time(nullptr))));
   }
 }
 
@@ -146,6 +146,7 @@ void SendQueue::Deliver() {
         lock.lock();
       }
       writing = false;
+      delivered.notify_all();
       if (!stopping) {
         changed.wait_for(lock, drainRetryInterval);
       }
@@ -206,6 +207,7 @@ void SendQueue::TellDeferringLocked(std::unique_lock<std::mutex>& lock, Waiting&
 
 void SendQueue::DeliverNextLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) {
   const std::string& event = lane.events.front();  // stays where it is while others are pushed behind it
+  begun = &lane;  // also if the attempt ends in an exception: the output may hold a part of the event by then
   writing = true;
   lock.unlock();
   const EventSink::Outcome outcome = sink.Write(event, sinkPatience);

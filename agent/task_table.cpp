@@ -102,7 +102,7 @@ unsigned TaskTable::Begin(Time now) {
   unsigned first = 0;
   std::optional<Time> firstDue;
   for (const auto& [id, task] : tasks) {
-    if (task.due && !task.running && *task.due <= now && (!firstDue || *task.due < *firstDue)) {
+    if (task.due && !task.running && *task.due <= now && (!firstDue || *task.due <= *firstDue)) {
       first = id;
       firstDue = task.due;
     }

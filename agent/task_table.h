@@ -54,7 +54,9 @@ class TaskTable {
   // The earliest time at which a task is due, if one is.
   std::optional<Time> NextDue() const;
 
-  // The id of a task that is due, which counts as running from now on; 0 when none is.
+  // The id of the task that is due first, which counts as running from now on; 0 when none is. Of several due
+  // at the same moment the one that was registered last: the module's, which is registered anew at each
+  // start.
   unsigned Begin(Time now);
 
   enum class Outcome {

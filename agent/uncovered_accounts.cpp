@@ -18,20 +18,90 @@
 namespace {
 
 constexpr std::size_t longestLine = 1000;
-constexpr std::size_t fieldCount = 7;
 
-// Of a longer line the library is shown the beginning: name and numbers come first, so what it makes of the
-// account is the same, and its memory is bounded.
+// The fields of a line, in order. A line of more than seven has a rest.
+enum Field { Name, Password, UserId, GroupId, Comment, Home, Shell, Rest, FieldLimit };
+
+// What is shown to the library of a password, and of everything behind the numbers. Neither decides who the
+// account is, and a line may be as long as the file.
 constexpr std::size_t longestShown = std::size_t{1} << 20;
 
 struct CloseStream {
   void operator()(std::FILE* stream) const { std::fclose(stream); }
 };
 
+struct Line {
+  Line(std::string_view whole, bool hasEnd)
+      : text(whole), ended(hasEnd), hasNul(whole.find('\0') != std::string_view::npos) {
+    std::size_t start = 0;
+    for (count = 0; count < FieldLimit; ++count) {
+      const std::size_t end = std::min(text.find(':', start), text.size());
+      fields[count] = text.substr(start, count == Rest ? std::string_view::npos : end - start);
+      if (end == text.size() || count == Rest) {
+        ++count;
+        break;
+      }
+      start = end + 1;
+    }
+  }
+
+  bool IsComment() const {
+    const std::size_t begin = text.find_first_not_of(' ');
+    return begin != std::string_view::npos && text[begin] == '#';
+  }
+
+  // Such a line is no account but a directive to include others; the library's reader makes one of it all the
+  // same.
+  bool IsNisEntry() const {
+    const std::size_t begin = text.find_first_not_of(" \t\v\f\r");
+    return begin != std::string_view::npos && (text[begin] == '+' || text[begin] == '-');
+  }
+
+  std::string_view text;
+  bool ended;  // by a newline, as all are but the last one of some files
+  bool hasNul;
+  std::string_view fields[FieldLimit];
+  std::size_t count = 0;  // how many fields there are; FieldLimit stands for all larger numbers
+};
+
+std::optional<unsigned> NumberIn(std::string_view field) {
+  unsigned number = 0;
+  return ConvertStrToNum(std::string(field), number, 10) ? std::optional<unsigned>(number) : std::nullopt;
+}
+
+// Whether the library can find user ID 0 on the line: asking takes a thousand times as long as looking.
+bool MayBeRoot(const Line& line) {
+  if (line.hasNul || line.IsNisEntry() || !line.ended) {
+    return true;  // the line may end, or be read, otherwise than it looks
+  }
+  return line.count > UserId && NumberIn(line.fields[UserId]) == 0u;
+}
+
+std::string Shown(const Line& line) {
+  if (line.text.size() <= longestShown) {
+    // glibc reads a last line without its end in its own way when blanks lead it: "    a:0:0" has user ID 0.
+    return std::string(line.text) + (line.ended ? "\n" : "");
+  }
+  if (line.hasNul) {  // where the library sees the line end
+    return Shown(Line(line.text.substr(0, line.text.find('\0')), true));
+  }
+  std::string text;
+  for (std::size_t field = 0; field < line.count && field <= GroupId; ++field) {
+    text += field == 0 ? "" : ":";
+    text += field == Password && line.fields[field].size() > longestShown ? std::string_view("x")
+                                                                          : line.fields[field];
+  }
+  if (line.count > Comment) {
+    const auto behind = static_cast<std::size_t>(line.fields[Comment].data() - line.text.data());
+    text += ':';
+    text += line.text.substr(behind, longestShown);
+  }
+  return text + "\n";
+}
+
 // What the C library's reader makes of one line, if anything.
-std::optional<UncoveredAccount> AskLibrary(std::string_view line) {
-  std::string text(line.substr(0, longestShown));
-  text += '\n';
+std::optional<UncoveredAccount> AskLibrary(const Line& line) {
+  std::string text = Shown(line);
   const std::unique_ptr<std::FILE, CloseStream> stream(fmemopen(text.data(), text.size(), "r"));
   if (stream == nullptr) {
     throw std::bad_alloc();
@@ -55,29 +125,36 @@ std::optional<UncoveredAccount> AskLibrary(std::string_view line) {
 }
 
 // Why the module passes the line over; null when it makes a record of it, whose name is then noted. These are
-// the module's rules, in its order.
-const char* WhyUncovered(std::string_view line, std::set<std::string>& names) {
-  if (line.size() > longestLine) {
+// the module's rules, in its order. A record with a NUL before its user ID is none of the library's: for it
+// the line ends there, and a line "+toor" or "+toor:" is an account with user ID 0.
+const char* WhyUncovered(const Line& line, std::set<std::string>& names) {
+  if (line.text.size() > longestLine) {
     return "line too long";
   }
-  const std::size_t begin = line.find_first_not_of(' ');
-  if (begin != std::string_view::npos && line[begin] == '#') {
+  if (line.IsComment()) {
     return "comment";
   }
-  const std::vector<std::string> fields = Utils::StringProcess::StrSplit(std::string(line), ":", false);
-  const bool hasNul = line.find('\0') != std::string_view::npos;
-  if (fields.size() != fieldCount) {
-    return hasNul ? "NUL in line" : (fields.size() < fieldCount ? "too few fields" : "too many fields");
+  if (line.count != Rest) {
+    if (line.hasNul) {
+      return "NUL in line";
+    }
+    if (line.IsNisEntry()) {
+      return "NIS entry";
+    }
+    return line.count < Rest ? "too few fields" : "too many fields";
   }
-  if (fields[0].empty()) {
+  if (line.fields[Name].empty()) {
     return "empty name";
   }
-  unsigned uid = 0;
-  unsigned gid = 0;
-  if (!ConvertStrToNum(fields[2], uid, 10) || !ConvertStrToNum(fields[3], gid, 10)) {
-    return hasNul ? "NUL in line" : "no user or group ID";
+  if (!NumberIn(line.fields[UserId]) || !NumberIn(line.fields[GroupId])) {
+    return line.hasNul ? "NUL in line" : (line.IsNisEntry() ? "NIS entry" : "no user or group ID");
   }
-  return names.insert(fields[0]).second ? nullptr : "shadowed by a repeated name";
+  if (!names.emplace(line.fields[Name]).second) {
+    return "shadowed by a repeated name";
+  }
+  const bool endsEarly = line.fields[Name].find('\0') != std::string_view::npos ||
+                         line.fields[Password].find('\0') != std::string_view::npos;
+  return endsEarly ? "NUL in line" : nullptr;
 }
 
 }  // namespace
@@ -87,25 +164,36 @@ bool UncoveredAccount::operator==(const UncoveredAccount& other) const {
          home == other.home && line == other.line && std::strcmp(reason, other.reason) == 0;
 }
 
-std::vector<UncoveredAccount> FindUncoveredRoots(const std::string& content) {
-  std::vector<UncoveredAccount> accounts;
+void ForEachUncoveredRoot(const std::string& content,
+                          const std::function<bool(const UncoveredAccount&)>& found,
+                          const std::atomic<bool>* stop) {
   std::set<std::string> names;
   std::size_t number = 0;
-  for (std::size_t start = 0; start < content.size();) {
+  for (std::size_t start = 0; start < content.size() && (stop == nullptr || !*stop);) {
     const std::size_t end = std::min(content.find('\n', start), content.size());
-    const std::string_view line = std::string_view(content).substr(start, end - start);
+    const Line line(std::string_view(content).substr(start, end - start), end < content.size());
     start = end + 1;
     ++number;
     const char* const reason = WhyUncovered(line, names);
-    if (reason == nullptr) {
+    if (reason == nullptr || !MayBeRoot(line)) {
       continue;
     }
     std::optional<UncoveredAccount> account = AskLibrary(line);
     if (account && account->uid == 0 && account->userName != "root") {
       account->line = number;
       account->reason = reason;
-      accounts.push_back(std::move(*account));
+      if (!found(*account)) {
+        return;
+      }
     }
   }
+}
+
+std::vector<UncoveredAccount> FindUncoveredRoots(const std::string& content) {
+  std::vector<UncoveredAccount> accounts;
+  ForEachUncoveredRoot(content, [&accounts](const UncoveredAccount& account) {
+    accounts.push_back(account);
+    return true;
+  });
   return accounts;
 }

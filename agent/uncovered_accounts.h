@@ -1,7 +1,9 @@
 #ifndef VELTA_AGENT_UNCOVERED_ACCOUNTS_H
 #define VELTA_AGENT_UNCOVERED_ACCOUNTS_H
 
+#include <atomic>
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,11 +20,16 @@ struct UncoveredAccount {
   bool operator==(const UncoveredAccount& other) const;
 };
 
-// Every account of the content that has user ID 0 for the C library at hand, is not named "root", and stands
-// on a line that the module passes over; in the order of the lines.
+// Calls found for every account of the content that has user ID 0 for the C library at hand, is not named
+// "root", and stands on a line that the module passes over; in the order of the lines. Ends early when found
+// returns false, or as soon as *stop is true.
 //
-// The C library's own reader is asked about each such line. Where it reads what the module reads there is
-// nothing to ask. Throws std::bad_alloc.
+// The C library's own reader is asked about each such line that could be one. Throws std::bad_alloc, and what
+// found throws.
+void ForEachUncoveredRoot(const std::string& content,
+                          const std::function<bool(const UncoveredAccount&)>& found,
+                          const std::atomic<bool>* stop = nullptr);
+
 std::vector<UncoveredAccount> FindUncoveredRoots(const std::string& content);
 
 #endif  // VELTA_AGENT_UNCOVERED_ACCOUNTS_H

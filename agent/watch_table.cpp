@@ -78,9 +78,16 @@ std::shared_ptr<FileWatchCallback> WatchTable::Remove(unsigned id) {
   }
   std::shared_ptr<FileWatchCallback> callback = std::move(found->second.callback);
   rules.erase(found);
-  Uses fresh = uses;
-  DropUses(fresh, id);
-  TakeUses(std::move(fresh));
+  // In place, which takes no memory: a withdrawal cannot fail.
+  for (auto entry = uses.begin(); entry != uses.end();) {
+    DropUsesOf(id, entry->second);
+    if (entry->second.empty()) {
+      system.Remove(entry->first);
+      entry = uses.erase(entry);
+    } else {
+      ++entry;
+    }
+  }
   pollingSaid = pollingSaid && AnyPolled();  // the next rule that is polled is told of
   return callback;
 }
@@ -208,8 +215,14 @@ void WatchTable::Attach(unsigned id, Rule& rule, Time now) {
       refusal = -watch;
     }
   }
-  Uses fresh = uses;
-  DropUses(fresh, id);
+  Uses fresh;
+  for (const auto& [watch, ofWatch] : uses) {
+    std::vector<Use> ofOthers = ofWatch;
+    DropUsesOf(id, ofOthers);
+    if (!ofOthers.empty()) {
+      fresh[watch] = std::move(ofOthers);
+    }
+  }
   for (auto& [watch, use] : attached) {
     fresh[watch].push_back(std::move(use));
   }
@@ -236,14 +249,10 @@ void WatchTable::Attach(unsigned id, Rule& rule, Time now) {
   }
 }
 
-void WatchTable::DropUses(Uses& uses, unsigned rule) {
-  for (auto entry = uses.begin(); entry != uses.end();) {
-    auto& ofWatch = entry->second;
-    ofWatch.erase(
-        std::remove_if(ofWatch.begin(), ofWatch.end(), [rule](const Use& use) { return use.rule == rule; }),
-        ofWatch.end());
-    entry = ofWatch.empty() ? uses.erase(entry) : std::next(entry);
-  }
+void WatchTable::DropUsesOf(unsigned rule, std::vector<Use>& ofWatch) {
+  ofWatch.erase(
+      std::remove_if(ofWatch.begin(), ofWatch.end(), [rule](const Use& use) { return use.rule == rule; }),
+      ofWatch.end());
 }
 
 // Withdraws the watches that nobody uses any more. Those that are used before and after stay untouched, so an
@@ -258,10 +267,10 @@ void WatchTable::TakeUses(Uses fresh) {
 }
 
 std::optional<WatchTable::Due> WatchTable::Begin(Time now) {
-  const auto found = std::find_if(rules.begin(), rules.end(), [now](const auto& entry) {
+  const auto found = std::find_if(rules.rbegin(), rules.rend(), [now](const auto& entry) {
     return entry.second.settling.Due() && *entry.second.settling.Due() <= now;
   });
-  if (found == rules.end()) {
+  if (found == rules.rend()) {
     return std::nullopt;
   }
   Rule& rule = found->second;

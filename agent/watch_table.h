@@ -59,7 +59,8 @@ class WatchTable {
   // The rule's handle; 0 for a rule without a path or a callback.
   unsigned Add(const FileWatchRule& rule, Time now);
 
-  // Gives back the rule's callback, which is thereby the caller's to drop. Null for an unknown id.
+  // Gives back the rule's callback, which is thereby the caller's to drop. Null for an unknown id. Never
+  // throws.
   std::shared_ptr<FileWatchCallback> Remove(unsigned id);
 
   void Handle(const InotifyEvent& event, Time now);
@@ -79,7 +80,8 @@ class WatchTable {
     std::shared_ptr<FileWatchCallback> callback;
   };
 
-  // A rule that is due to be reported, which counts as done; nothing when none is.
+  // A rule that is due to be reported, which counts as done; nothing when none is. The newest one first: the
+  // module's is renewed at each start of it, and comes before what the agent watches for itself.
   std::optional<Due> Begin(Time now);
 
   // The report did not get through: it is due again, after a while.
@@ -108,7 +110,7 @@ class WatchTable {
 
   using Uses = std::map<int, std::vector<Use>>;  // by watch number
 
-  static void DropUses(Uses& uses, unsigned rule);
+  static void DropUsesOf(unsigned rule, std::vector<Use>& ofWatch);
 
   void Attach(unsigned id, Rule& rule, Time now);
   void AttachAll(Time now);

@@ -1,7 +1,9 @@
 #include "agent/cross_check.h"
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <regex>
 #include <string>
@@ -18,14 +20,15 @@
 
 namespace {
 
-constexpr std::chrono::seconds generous(60);
+// The timer's first reading, after ten seconds, must not count as an answer.
+constexpr std::chrono::seconds soon(8);
 
 class CrossCheckTest : public testing::Test {
  protected:
   CrossCheckTest() { folder.Write("passwd", "root:x:0:0::/root:/bin/sh\n"); }
 
   void Start() {
-    check = std::make_unique<CrossCheck>(path, scheduler, monitor, queue);
+    check = std::make_unique<CrossCheck>(path, scheduler, monitor, queue, logger);
     check->Enable(true);
   }
 
@@ -34,7 +37,7 @@ class CrossCheckTest : public testing::Test {
   // The next event, without its time.
   std::string Next() {
     static const std::regex time(R"("eventTime":"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d")");
-    return std::regex_replace(events.Next(generous), time, R"("eventTime":"TIME")");
+    return std::regex_replace(events.Next(soon), time, R"("eventTime":"TIME")");
   }
 
   static std::string Event(const std::string& name, int line, const std::string& reason = "too few fields") {
@@ -115,7 +118,21 @@ TEST_F(CrossCheckTest, ItLeavesNeitherATaskNorAWatch) {
   EXPECT_EQ(scheduler.LaunchAll(), 1u);
   check.reset();
   EXPECT_EQ(scheduler.LaunchAll(), 0u);
+  // A watch that stayed would be reported before this one is: the oldest come last.
+  FileWatchRule rule = FileWatchRule();
+  rule.path = path;
+  std::promise<void> reported;
+  std::atomic<bool> once{false};
+  rule.callback =
+      std::make_shared<FileWatchCallback>([&](int, const char*, const char*, bool, int, const std::string&) {
+        if (!once.exchange(true)) {
+          reported.set_value();
+        }
+      });
+  rule.monitorId = monitor.Add(rule);
   Add("toor:x:0:0\n");
+  EXPECT_EQ(reported.get_future().wait_for(soon), std::future_status::ready);
+  monitor.Remove(rule);
   EXPECT_EQ(queue.Accepted(), 0u);
 }
 

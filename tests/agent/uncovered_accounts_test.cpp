@@ -1,5 +1,6 @@
 #include "agent/uncovered_accounts.h"
 
+#include <atomic>
 #include <cstddef>
 #include <ostream>
 #include <string>
@@ -89,6 +90,40 @@ TEST(UncoveredAccountsTest, ALineOfExactlyAThousandCharactersIsNotTooLong) {
   EXPECT_THAT(FindUncoveredRoots(fits + "\n"), IsEmpty());
   EXPECT_THAT(FindUncoveredRoots("x" + fits + "\n"),
               ElementsAre(Account("xtoor", "/", "/bin/sh", 1, "line too long")));
+}
+
+TEST(UncoveredAccountsTest, NoFieldIsTooLongToHideBehind) {
+  const std::string two(std::size_t{2} << 20, '0');
+  EXPECT_THAT(FindUncoveredRoots("toor:" + two + ":0:0::/root:/bin/sh\n"),
+              ElementsAre(Account("toor", "/root", "/bin/sh", 1, "line too long")));
+  EXPECT_THAT(FindUncoveredRoots("toor:x:" + two + ":0::/root:/bin/sh\n"),
+              ElementsAre(Account("toor", "/root", "/bin/sh", 1, "line too long")));
+  EXPECT_THAT(FindUncoveredRoots("toor:x:0:" + two + ":\n"),
+              ElementsAre(Account("toor", "", "", 1, "line too long")));
+}
+
+TEST(UncoveredAccountsTest, ADirectiveToIncludeOthersIsReportedAsSuch) {
+  EXPECT_THAT(FindUncoveredRoots("+\n+::::::\n-bob\nalice:x:1000:1000::/:/bin/sh\n"),
+              ElementsAre(Account("+", "", "", 1, "NIS entry"), Account("+", "", "", 2, "NIS entry"),
+                          Account("-bob", "", "", 3, "NIS entry")));
+}
+
+TEST(UncoveredAccountsTest, TheSearchEndsWhenItIsTold) {
+  std::vector<std::string> names;
+  ForEachUncoveredRoot("a:x:0:0\nb:x:0:0\nc:x:0:0\n", [&names](const UncoveredAccount& account) {
+    names.push_back(account.userName);
+    return names.size() < 2;
+  });
+  EXPECT_THAT(names, ElementsAre("a", "b"));
+  const std::atomic<bool> stop{true};
+  ForEachUncoveredRoot(
+      "d:x:0:0\n",
+      [&names](const UncoveredAccount& account) {
+        names.push_back(account.userName);
+        return true;
+      },
+      &stop);
+  EXPECT_THAT(names, ElementsAre("a", "b"));
 }
 
 TEST(UncoveredAccountsTest, OfALineWithoutEndTheLibraryIsShownTheBeginning) {

@@ -141,6 +141,15 @@ TEST_F(WatchTableTest, AFolderThatIsWatchedForTheFirstTimeIsReportedAtOnce) {
   EXPECT_THAT(Reports(table, 5000), ElementsAre(2100)) << "the same folder settles";
 }
 
+TEST_F(WatchTableTest, OfSeveralRulesTheNewestIsReportedFirst) {
+  WatchTable table(system, never, At(0));
+  const unsigned older = Add(table);
+  const unsigned newer = Add(table);
+  table.Handle({3, IN_CLOSE_WRITE, ""}, At(10));
+  EXPECT_EQ(table.Begin(At(10))->id, newer);
+  EXPECT_EQ(table.Begin(At(10))->id, older);
+}
+
 TEST_F(WatchTableTest, WhatTheCheckFindsIsReportedOnceItIsQuiet) {
   WatchTable table(system, milliseconds(1000), At(0));
   Add(table);

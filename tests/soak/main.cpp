@@ -113,7 +113,7 @@ class Soak {
     for (std::string word; emulator >> word;) {
       command.push_back(word);
     }
-    command.insert(command.end(), {options.agent, "--limit", "0", "--no-cross-check"});
+    command.insert(command.end(), {options.agent, "--limit", "0"});
     toFile = random.Chance(50);
     if (toFile) {
       umount2(disk.Path().c_str(), MNT_DETACH);

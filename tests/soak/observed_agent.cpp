@@ -32,6 +32,13 @@ bool IsTime(std::string text) {
   return text == "9999-99-99 99:99:99";
 }
 
+// Half a line of a file that is being written may look like an account that only the cross-check reads. Such
+// events are right, and not what is judged here.
+bool IsFinding(const std::string& line) {
+  const nlohmann::json event = nlohmann::json::parse(line, nullptr, false);
+  return event.is_object() && event.value("eventType", "") == "uncovered-root-account";
+}
+
 // The record's own form, byte for byte apart from its values: every member once, and no other.
 std::optional<RootAccount> AccountIn(const std::string& line) {
   const nlohmann::json event = nlohmann::json::parse(line, nullptr, false);
@@ -302,6 +309,9 @@ void ObservedAgent::TakeOutputFile(bool last) {
 
 void ObservedAgent::TakeLine(const std::string& line) {
   const SoakTime now = SoakTime::clock::now();
+  if (IsFinding(line)) {
+    return;
+  }
   const std::optional<RootAccount> account = AccountIn(line);
   std::lock_guard<std::mutex> lock(mutex);
   if (account) {

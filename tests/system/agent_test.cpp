@@ -321,7 +321,7 @@ TEST_F(AgentTest, Fault20AReaderThatIsStuckDelaysTheEndButNotForEver) {
   // More than a pipe holds, but what is left over fits into another: the log drops what nobody reads in time.
   std::string passwd = rootAndAlice;
   for (int number = 0; number < 90; ++number) {
-    passwd += "toor" + std::to_string(number) + ":x:0:0::/" + std::string(900, 'h') + ":/bin/sh\n";
+    passwd += "toor" + std::to_string(number) + ":x:0:0::/" + std::string(700, 'h') + ":/bin/sh\n";
   }
   etc.WritePasswd(passwd);
   AgentProcess agent({"--limit", "0", "--log-level", "warning"});

@@ -338,8 +338,8 @@ TEST_F(MonitorFaults, Fault11ALineOfAHundredMegabytesIsPassedOverInBoundedMemory
   ASSERT_NO_FATAL_FAILURE(Do("cp -p passwd copy && truncate -s 100M copy && echo >>copy && echo " +
                              RootLine("toor") + " >>copy && mv copy passwd"));
   EXPECT_EQ(agent->NextAlert(), AlertFor("toor"));
-  // The line is held once, by a text that doubles as it grows: old and new for a moment. A sanitizer adds its
-  // own books about all of it.
+  // The module and the cross-check, one after the other, hold the line once, in a text that doubles as it
+  // grows: old and new for a moment. A sanitizer adds its own books about all of it.
   if (!VELTA_SANITIZED) {
     EXPECT_LT(PeakMiB(agent->Process()) - before, 3 * 128 + 16);
   }

@@ -738,7 +738,7 @@ class BackToBack : public AgentFixture {
 
   std::unique_ptr<AgentProcess> Start() {
     StartFresh();
-    auto agent = Watching({"--check-interval", "0", "--limit", "0", "--no-cross-check", "--output", output});
+    auto agent = Watching({"--check-interval", "0", "--limit", "0", "--output", output});
     EXPECT_EQ(NextName(), "accepted");
     return agent;
   }
@@ -749,7 +749,10 @@ class BackToBack : public AgentFixture {
   }
 
   std::string NextName() {
-    const std::string alert = alerts.Next(patience);
+    std::string alert;
+    do {  // half a line may look like an account that only the cross-check reads
+      alert = alerts.Next(patience);
+    } while (alert.find("uncovered-root-account") != std::string::npos);
     const std::string key = R"("userName":")";
     const std::size_t begin = alert.find(key);
     return begin == std::string::npos
