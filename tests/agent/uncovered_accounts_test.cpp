@@ -108,6 +108,22 @@ TEST(UncoveredAccountsTest, ADirectiveToIncludeOthersIsReportedAsSuch) {
                           Account("-bob", "", "", 3, "NIS entry")));
 }
 
+// The library sees the line end at the NUL, and a bare name with a plus in front has user ID 0 for it.
+TEST(UncoveredAccountsTest, ANulMayMakeSomethingElseOfALineThatTheModuleReads) {
+  EXPECT_THAT(FindUncoveredRoots("+toor\0:x:1000:1000::/:/bin/sh\n"s),
+              ElementsAre(Account("+toor", "", "", 1, "NUL in line")));
+  EXPECT_THAT(FindUncoveredRoots("+toor:\0:1000:1000::/:/bin/sh\n"s),
+              ElementsAre(Account("+toor", "", "", 1, "NUL in line")));
+}
+
+#ifdef __GLIBC__
+// Its last bytes are read once more when blanks lead it, so three fields become five.
+TEST(UncoveredAccountsTest, TheLastLineIsReadAsItStandsWithoutAnEnd) {
+  EXPECT_THAT(FindUncoveredRoots("    a:0:0"), ElementsAre(Account("a", "", "", 1, "too few fields")));
+  EXPECT_THAT(FindUncoveredRoots("    a:0:0\n"), IsEmpty());
+}
+#endif
+
 TEST(UncoveredAccountsTest, TheSearchEndsWhenItIsTold) {
   std::vector<std::string> names;
   ForEachUncoveredRoot("a:x:0:0\nb:x:0:0\nc:x:0:0\n", [&names](const UncoveredAccount& account) {
