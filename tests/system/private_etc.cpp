@@ -1,8 +1,10 @@
 #include "tests/system/private_etc.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -26,6 +28,41 @@ void Require(bool done, const std::string& step) {
     throw std::runtime_error("no private /etc: " + step + ": " + std::strerror(errno) +
                              " (this test needs root and a mount namespace)");
   }
+}
+
+class OpenFile {
+ public:
+  OpenFile(const char* path, int flags) : descriptor(open(path, flags | O_CLOEXEC)) {
+    Require(descriptor >= 0, std::string("opening ") + path);
+  }
+  ~OpenFile() { close(descriptor); }
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+
+  int Get() const { return descriptor; }
+
+ private:
+  int descriptor;
+};
+
+// In a chroot the kernel refuses what some tests start their agent in, a user namespace. So the root of this
+// thread becomes the root of its mount namespace, which has to be private to it. Where it is that already,
+// nothing changes.
+void LeaveChroot() {
+  const OpenFile root("/", O_PATH | O_DIRECTORY);
+  const OpenFile workingFolder(".", O_PATH | O_DIRECTORY);
+  const OpenFile mounts("/proc/self/ns/mnt", O_RDONLY);
+  struct stat before = {};
+  struct stat after = {};
+  // Joining a mount namespace, be it one's own, leads to its root.
+  Require(setns(mounts.Get(), CLONE_NEWNS) == 0, "the root of the mount namespace");
+  Require(fstat(root.Get(), &before) == 0 && stat("/", &after) == 0, "looking at the root");
+  if (before.st_dev != after.st_dev || before.st_ino != after.st_ino) {
+    Require(
+        fchdir(root.Get()) == 0 && syscall(SYS_pivot_root, ".", ".") == 0 && umount2(".", MNT_DETACH) == 0,
+        "leaving the chroot");
+  }
+  Require(fchdir(workingFolder.Get()) == 0, "going back to the working folder");
 }
 
 // Where the copy stands until it covers "/etc".
@@ -61,6 +98,7 @@ PrivateEtc::PrivateEtc() {
   Require(unshare(CLONE_NEWNS) == 0, "unshare");
   // Before anything is mounted: a shared mount would carry it to the whole machine.
   Require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "keeping mounts private");
+  LeaveChroot();
   const StagingFolder staging;
   Require(mount("tmpfs", staging.Path().c_str(), "tmpfs", 0, "mode=755") == 0, "a file system in memory");
   const ToolResult copy = RunTool({"cp", "-a", "/etc/.", staging.Path()});
