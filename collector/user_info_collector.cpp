@@ -72,7 +72,11 @@ void RemoveRepeatedNames(Records& users) {
   DroppedRecords dropped(users);
   while (!dropped.ReachEnd()) {
     const std::string& name = dropped.Next().userName;
-    if (seen.insert(name).second) {
+    // Behind the last one is where a name belongs in a file that is sorted, as many large ones are.
+    const bool isLast = seen.empty() || *seen.rbegin() < name;
+    const auto place = isLast ? seen.end() : seen.lower_bound(name);
+    if (place == seen.end() || *place != name) {
+      seen.insert(place, name);
       dropped.KeepNext();
     } else {
       LoggerWriteLog(ORVAK_AGENT_LOG_DIAGNOSTIC, 0, failureLevel, sourceName, repeatedNameLine, 0,

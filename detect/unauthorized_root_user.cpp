@@ -1,5 +1,6 @@
 #include "detect/unauthorized_root_user.h"
 
+#include <algorithm>
 #include <mutex>
 #include <set>
 #include <string>
@@ -25,6 +26,26 @@ constexpr unsigned failureLevel = 2;
 
 bool IsRootAccount(const PasswdInfo& info) { return info.userName == "root"; }
 
+// Of records with one name the first. They are put in order before they go into the set: each then belongs at
+// its end, and nodes that lie in memory in the order of the names are faster to copy and to walk along. With
+// many accounts that saves more than the sort costs.
+std::set<PasswdInfo> SetOf(const std::vector<PasswdInfo>& users) {
+  std::vector<const PasswdInfo*> ordered;
+  ordered.reserve(users.size());
+  for (const PasswdInfo& info : users) {
+    ordered.push_back(&info);
+  }
+  const auto byName = [](const PasswdInfo* left, const PasswdInfo* right) { return *left < *right; };
+  if (!std::is_sorted(ordered.begin(), ordered.end(), byName)) {
+    std::stable_sort(ordered.begin(), ordered.end(), byName);
+  }
+  std::set<PasswdInfo> snapshot;
+  for (const PasswdInfo* const info : ordered) {
+    snapshot.insert(snapshot.end(), *info);
+  }
+  return snapshot;
+}
+
 }  // namespace
 
 std::mutex UnauthorizedRootUser::detectMutex;
@@ -47,8 +68,7 @@ void UnauthorizedRootUser::UnInit() const {
 void UnauthorizedRootUser::DetectUnauthorizedRootUser(const std::vector<PasswdInfo>& users) {
   // Held until the last alert is queued, so the alerts of one snapshot leave together and in order.
   std::lock_guard<std::mutex> lock(detectMutex);
-  const std::set<PasswdInfo> snapshot(users.begin(), users.end());
-  GetInstance().CmpUserInfo(snapshot);
+  GetInstance().CmpUserInfo(SetOf(users));
 }
 
 void UnauthorizedRootUser::CmpUserInfo(const std::set<PasswdInfo>& users) {
@@ -56,16 +76,22 @@ void UnauthorizedRootUser::CmpUserInfo(const std::set<PasswdInfo>& users) {
   if (snapshot.empty() && baseline.empty()) {
     return;
   }
-  for (const PasswdInfo& known : baseline) {
-    const auto current = snapshot.find(known);
-    if (current != snapshot.end()) {
-      ComparePasswd(known, *current);
+  // Both sets are in the order of the names, so one walk along them finds what a lookup of every name in the
+  // other set would, in the same order.
+  std::vector<const PasswdInfo*> newRoots;  // alerted after all that changed
+  auto known = baseline.begin();
+  for (const PasswdInfo& current : snapshot) {
+    while (known != baseline.end() && *known < current) {
+      ++known;
+    }
+    if (known != baseline.end() && !(current < *known)) {
+      ComparePasswd(*known, current);
+    } else if (current.uid == 0 && !IsRootAccount(current)) {
+      newRoots.push_back(&current);
     }
   }
-  for (const PasswdInfo& current : snapshot) {
-    if (baseline.find(current) == baseline.end() && current.uid == 0 && !IsRootAccount(current)) {
-      SendUserAlert(current);
-    }
+  for (const PasswdInfo* const newRoot : newRoots) {
+    SendUserAlert(*newRoot);
   }
   // Last: if an alert throws, the old baseline still stands and the same snapshot will be compared again. A
   // repeated alert is better than a lost one.

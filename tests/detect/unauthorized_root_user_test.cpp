@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <new>
+#include <random>
 #include <set>
 #include <string>
 #include <system_error>
@@ -284,6 +287,34 @@ TEST_F(UnauthorizedRootUserTest, ChangedAccountsAreReportedFirstThenNewOnesEachI
   EXPECT_THAT(Detect({Account("z", 0), Account("y", 0), Account("x", 0), Account("~", 0), Account("c", 0),
                       Account("ab", 0), Account("a", 0), Account("B", 0)}),
               ElementsAre("B", "c", "x", "y", "a", "ab", "z", "~"));
+}
+
+// The rules once more, by lookups of each name: the longest way to the same alerts.
+TEST_F(UnauthorizedRootUserTest, SnapshotsInAnyOrderAlertWhatALookupOfEveryNameFinds) {
+  const std::vector<std::string> names = {"root", "Root", "roo",  "roots", "a", "aa",
+                                          "b",    "c",    "toor", "z",     ""};
+  std::minstd_rand random(7);
+  std::map<std::string, std::uint32_t> baseline;
+  for (int round = 0; round < 2000; ++round) {
+    Snapshot users;
+    std::map<std::string, std::uint32_t> accounts;
+    for (auto left = random() % 50; left > 0; --left) {
+      users.push_back(Account(names[random() % names.size()], random() % 3 == 0 ? 0 : 1000));
+      accounts.emplace(users.back().userName, users.back().uid);  // of one name the first
+    }
+    std::vector<std::string> changed;
+    std::vector<std::string> added;
+    for (const auto& [name, uid] : accounts) {
+      const auto known = baseline.find(name);
+      if (uid == 0 && name != "root" && (known == baseline.end() || known->second != 0)) {
+        (known == baseline.end() ? added : changed).push_back(name);
+      }
+    }
+    changed.insert(changed.end(), added.begin(), added.end());
+
+    ASSERT_EQ(Detect(users), changed) << "round " << round;
+    baseline = accounts;
+  }
 }
 
 TEST_F(UnauthorizedRootUserTest, TheBaselineHoldsEveryAccountAndNotOnlyTheRootOnes) {
