@@ -1,5 +1,6 @@
 #include "agent/account_number.h"
 
+#include <atomic>
 #include <cstdint>
 #include <limits>
 #include <mutex>
@@ -31,8 +32,13 @@ std::optional<std::uint32_t> AccountNumberReader::Read(const std::string& text) 
   return number;
 }
 
-AccountNumberRules AccountNumberReader::Rules() {
-  const std::lock_guard<std::mutex> lock(mutex);
-  known = known || FindAccountNumberRules(ask, rules);
-  return known ? rules : strtoulRules;
+const AccountNumberRules& AccountNumberReader::Rules() {
+  if (!known.load(std::memory_order_acquire)) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (!known.load(std::memory_order_relaxed) && !FindAccountNumberRules(ask, rules)) {
+      return strtoulRules;
+    }
+    known.store(true, std::memory_order_release);
+  }
+  return rules;
 }

@@ -1,6 +1,7 @@
 #ifndef VELTA_AGENT_ACCOUNT_NUMBER_H
 #define VELTA_AGENT_ACCOUNT_NUMBER_H
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -22,11 +23,11 @@ class AccountNumberReader {
   std::optional<std::uint32_t> Read(const std::string& text);
 
  private:
-  AccountNumberRules Rules();
+  const AccountNumberRules& Rules();
 
   const AskLibrary ask;
-  std::mutex mutex;  // guards what follows, and is held while the library is asked
-  bool known = false;
+  std::mutex mutex;                // held while the library is asked
+  std::atomic<bool> known{false};  // once it is true, rules does not change
   AccountNumberRules rules{};
 };
 

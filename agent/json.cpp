@@ -1,5 +1,6 @@
 #include "agent/json.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <map>
@@ -31,9 +32,19 @@ void ReportIfInvalid(const std::string& text) {
   }
 }
 
+// Most texts are names and paths, for which the library would take far longer than this.
+bool NeedsNoEscape(const std::string& text) {
+  return std::all_of(text.begin(), text.end(), [](char character) {
+    return character >= ' ' && character <= '~' && character != '"' && character != '\\';
+  });
+}
+
 // Bytes that are no UTF-8 become U+FFFD and everything beyond ASCII is escaped: whatever an account is
 // called, its alert is written, on one line.
 std::string QuotedText(std::string text) {
+  if (NeedsNoEscape(text)) {
+    return '"' + text + '"';
+  }
   ReportIfInvalid(text);
   return nlohmann::json(std::move(text)).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
 }

@@ -1,7 +1,9 @@
 #include "host/string_process.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <optional>
 #include <string>
@@ -30,7 +32,20 @@ int DigitValue(char character) {
   return notADigit;
 }
 
+// The most common one, a single character, is looked for without the detour of a general search.
+std::size_t Find(const std::string& separator, const std::string& text, std::size_t start) {
+  if (separator.size() != 1) {
+    return text.find(separator, start);
+  }
+  const void* const found = std::memchr(text.data() + start, separator.front(), text.size() - start);
+  return found == nullptr ? std::string::npos
+                          : static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
+}
+
 std::size_t CountOf(const std::string& separator, const std::string& text) {
+  if (separator.size() == 1) {
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), separator.front()));
+  }
   std::size_t count = 0;
   for (std::size_t found = text.find(separator); found != std::string::npos;
        found = text.find(separator, found + separator.size())) {
@@ -50,7 +65,7 @@ std::vector<std::string> StrSplit(const std::string& text, const std::string& se
   pieces.reserve(separator.empty() ? 1 : CountOf(separator, text) + 1);
   std::size_t start = 0;
   while (true) {
-    const std::size_t end = separator.empty() ? std::string::npos : text.find(separator, start);
+    const std::size_t end = separator.empty() ? std::string::npos : Find(separator, text, start);
     const std::size_t length = (end == std::string::npos ? text.size() : end) - start;
     if (length > 0 || !skipEmpty) {
       pieces.emplace_back(text, start, length);
