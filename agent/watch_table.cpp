@@ -111,7 +111,9 @@ void WatchTable::Handle(const InotifyEvent& event, Time now) {
       continue;
     }
     const Reaction reaction = ReactionTo(use.role, event.mask);
-    if (reaction.attach) {
+    if (reaction.attach && use.role == WatchRole::Directory && !event.name.empty()) {
+      AttachFile(use.rule, rule->second, now);
+    } else if (reaction.attach) {
       Attach(use.rule, rule->second, now);
     }
     rule->second.settling.Add(reaction.report, now);
@@ -246,6 +248,34 @@ void WatchTable::Attach(unsigned id, Rule& rule, Time now) {
   } else if (pollingSaid && !AnyPolled()) {
     pollingSaid = false;
     system.Tell(LogLevel::Info, "file monitor: inotify is available again; polling ends");
+  }
+}
+
+// An entry of the folder changed: only the file behind it may be another one. It lies on the way from every
+// replaced file to its alert, so it asks the system for no more than that.
+void WatchTable::AttachFile(unsigned id, Rule& rule, Time now) {
+  const int watch = rule.polled ? -1 : system.Add(rule.path, EventsOf(WatchRole::File));
+  if (watch < 0) {
+    Attach(id, rule, now);
+    return;
+  }
+  const auto isUse = [id](const Use& use) { return use.rule == id && use.role == WatchRole::File; };
+  std::vector<Use>& fresh = uses[watch];
+  if (std::any_of(fresh.begin(), fresh.end(), isUse)) {
+    return;
+  }
+  fresh.push_back({id, WatchRole::File, ""});
+  for (auto entry = uses.begin(); entry != uses.end();) {
+    std::vector<Use>& ofWatch = entry->second;
+    if (entry->first != watch) {
+      ofWatch.erase(std::remove_if(ofWatch.begin(), ofWatch.end(), isUse), ofWatch.end());
+    }
+    if (ofWatch.empty()) {
+      system.Remove(entry->first);
+      entry = uses.erase(entry);
+    } else {
+      ++entry;
+    }
   }
 }
 

@@ -113,6 +113,7 @@ class WatchTable {
   static void DropUsesOf(unsigned rule, std::vector<Use>& ofWatch);
 
   void Attach(unsigned id, Rule& rule, Time now);
+  void AttachFile(unsigned id, Rule& rule, Time now);
   void AttachAll(Time now);
   void ReportAll(Time now, Report report);
   void CheckIdentities(Time now);

@@ -114,11 +114,38 @@ TEST_F(WatchTableTest, WhatTakesTheNameIsWatchedBeforeItIsReportedAndTheOldWatch
   system.TakeAdded();
   system.watches[path] = 4;
   table.Handle({2, IN_MOVED_TO, "passwd"}, At(10));
-  EXPECT_THAT(system.added, ElementsAre("/", "/etc", path));
+  EXPECT_THAT(system.added, ElementsAre(path)) << "nothing else can have become another";
   EXPECT_THAT(system.removed, ElementsAre(3));
   table.Begin(At(10));
   table.Handle({4, IN_CLOSE_WRITE, ""}, At(20));
   EXPECT_THAT(Reports(table, 1000), ElementsAre(20));
+}
+
+TEST_F(WatchTableTest, WhatTakesTheNameIsWatchedForEveryRuleAndTheOldWatchGoesWithTheLastOne) {
+  WatchTable table(system, never, At(0));
+  const unsigned first = Add(table);
+  const unsigned second = Add(table);
+  system.watches[path] = 4;
+  table.Handle({2, IN_MOVED_TO, "passwd"}, At(10));
+  EXPECT_THAT(system.removed, ElementsAre(3));
+  table.Begin(At(10));
+  table.Begin(At(10));
+  table.Handle({4, IN_CLOSE_WRITE, ""}, At(20));
+  EXPECT_EQ(table.Begin(At(20))->id, second);
+  EXPECT_EQ(table.Begin(At(20))->id, first);
+  table.Remove(first);
+  table.Remove(second);
+  EXPECT_THAT(system.removed, UnorderedElementsAre(3, 4, 2, 1)) << "no use of a watch is left behind";
+}
+
+TEST_F(WatchTableTest, ANameThatIsTakenAndRefusedAWatchMakesItsRuleAPolledOne) {
+  WatchTable table(system, never, At(0));
+  Add(table);
+  system.watches[path] = -ENOSPC;
+  table.Handle({2, IN_MOVED_TO, "passwd"}, At(10));
+  EXPECT_THAT(system.removed, ElementsAre(3));
+  EXPECT_THAT(system.told, ElementsAre(HasSubstr("No space left on device")));
+  EXPECT_THAT(Reports(table, 5000), ElementsAre(10));
 }
 
 TEST_F(WatchTableTest, AWatchThatStaysIsNeverWithdrawnInBetween) {
