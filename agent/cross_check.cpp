@@ -25,6 +25,9 @@ namespace {
 constexpr std::int64_t firstReadingMs = 10000;
 constexpr std::int64_t readingIntervalMs = 300000;
 
+// The module's reading and its alert go first, and changes on each other's heels are checked once.
+constexpr std::chrono::milliseconds afterAChange{10};
+
 // Each of them is asked about and remembered. Whoever makes more has been reported often enough.
 constexpr std::size_t mostAccounts = 100000;
 
@@ -110,7 +113,9 @@ CrossCheck::CrossCheck(const std::string& accountFile, TaskScheduler& taskSchedu
   try {
     watch.path = path;
     watch.callback = std::make_shared<FileWatchCallback>(
-        [this](int, const char*, const char*, bool, int, const std::string&) { scheduler.Launch(taskId); });
+        [this](int, const char*, const char*, bool, int, const std::string&) {
+          scheduler.Launch(taskId, afterAChange);
+        });
     watch.monitorId = monitor.Add(watch);
     if (watch.monitorId == 0) {
       throw std::runtime_error("cross-check: no watch");

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "agent/services.h"
+#include "agent/task_scheduler.h"
 
 using std::chrono::milliseconds;
 
@@ -42,8 +43,11 @@ void LogFailure(Logger& logger, const std::string& path, const char* reason) {
 
 }  // namespace
 
-FileMonitor::FileMonitor(Logger& monitorLogger, milliseconds checkInterval)
-    : logger(monitorLogger), kernel(monitorLogger), table(kernel, checkInterval, Time::clock::now()) {
+FileMonitor::FileMonitor(Logger& monitorLogger, milliseconds checkInterval, TaskScheduler* taskScheduler)
+    : logger(monitorLogger),
+      scheduler(taskScheduler),
+      kernel(monitorLogger),
+      table(kernel, checkInterval, Time::clock::now()) {
   wakeDescriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (wakeDescriptor < 0) {
     throw std::system_error(errno, std::generic_category(), "file monitor: eventfd");
@@ -103,6 +107,9 @@ void FileMonitor::Wake() const {
 }
 
 void FileMonitor::Work() {
+  if (scheduler != nullptr) {
+    scheduler->Volunteer();
+  }
   std::unique_lock<std::mutex> lock(mutex);
   while (!stopping) {
     pollfd descriptors[] = {{wakeDescriptor, POLLIN, 0},
@@ -113,15 +120,22 @@ void FileMonitor::Work() {
     const int ready = poll(descriptors, std::size(descriptors), timeout);
     lock.lock();
     const Time now = Time::clock::now();
+    bool reported = false;
     try {
       if (ready > 0) {
         HandleReadyLocked(descriptors, now);
       }
       table.Advance(now);
       while (!stopping && ReportNextLocked(lock, now)) {
+        reported = true;
       }
     } catch (const std::bad_alloc&) {
       table.StartOver(now + memoryRetryInterval);  // what was being done is unknown: all of it again
+    }
+    if (reported && scheduler != nullptr) {
+      lock.unlock();
+      scheduler->RunDue();
+      lock.lock();
     }
   }
 }

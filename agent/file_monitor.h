@@ -17,6 +17,8 @@
 #include "agent/watch_table.h"
 #include "host/file_monitor.h"
 
+class TaskScheduler;
+
 // Watches files by path and calls back after each change, on one thread of its own.
 //
 // It promises that after the last change of a file at least one callback begins after it: at once for a
@@ -27,6 +29,9 @@
 // What it decides, and when, is the business of WatchTable; this class brings the system to it. A file that
 // does not exist yet is waited for.
 //
+// Tasks that a callback launches are run on the monitor's thread, too, once the callbacks are through: waking
+// another thread would take longer than most readings. Changes wait in the kernel's queue meanwhile.
+//
 // Thread use: Add and Remove on any thread, callbacks included. Construction throws std::system_error when a
 // thread or descriptor is not to be had. Destruction waits for a running callback.
 class FileMonitor {
@@ -34,8 +39,11 @@ class FileMonitor {
   static constexpr std::chrono::milliseconds defaultIdentityInterval{1000};
 
   // checkInterval: how often the file behind each path is compared with what it was; 0 turns that off.
+  // taskScheduler: whose tasks the callbacks launch; it outlives the monitor. Null: the callbacks launch
+  // none.
   explicit FileMonitor(Logger& monitorLogger,
-                       std::chrono::milliseconds checkInterval = defaultIdentityInterval);
+                       std::chrono::milliseconds checkInterval = defaultIdentityInterval,
+                       TaskScheduler* taskScheduler = nullptr);
   ~FileMonitor();
   FileMonitor(const FileMonitor&) = delete;
   FileMonitor& operator=(const FileMonitor&) = delete;
@@ -75,6 +83,7 @@ class FileMonitor {
   void Wake() const;
 
   Logger& logger;
+  TaskScheduler* const scheduler;
   int wakeDescriptor = -1;
   int mountsDescriptor = -1;
 

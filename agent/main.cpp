@@ -206,7 +206,7 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
         });
   });
   FileMonitor monitor =
-      Started("file monitor", [&] { return FileMonitor(logger, options.identityInterval); });
+      Started("file monitor", [&] { return FileMonitor(logger, options.identityInterval, &scheduler); });
   InstalledServices services(logger, queue, scheduler, monitor);  // the functions of host/ land here
   ReportInvalidTextTo([](const std::string& raw) {
     InstalledServices::Current().logger.WarningInParts("json: a text is not UTF-8, its bytes", HexText(raw));

@@ -23,6 +23,9 @@ struct CurrentRun {
 };
 thread_local CurrentRun currentRun = {nullptr, 0};
 
+// For whom this thread has volunteered.
+thread_local const TaskScheduler* volunteerOf = nullptr;
+
 // Never throws: it runs where a failed task ends, and memory may be what failed.
 void LogFailure(Logger& logger, const std::string& name, const char* reason) {
   try {
@@ -47,8 +50,12 @@ TaskTable::Outcome Run(const TaskTable::Task& task, Logger& logger) {
 
 }  // namespace
 
-TaskScheduler::TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Gate gateBeforeRuns)
-    : logger(schedulerLogger), gate(std::move(gateBeforeRuns)) {
+TaskScheduler::TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Gate gateBeforeRuns,
+                             std::function<void()> whenIdle)
+    : mostAtOnce(workerCount),
+      logger(schedulerLogger),
+      gate(std::move(gateBeforeRuns)),
+      idle(std::move(whenIdle)) {
   try {
     for (unsigned i = 0; i < workerCount; ++i) {
       workers.emplace_back([this] { Work(); });
@@ -70,6 +77,8 @@ void TaskScheduler::StopWorkers() {
   for (std::thread& worker : workers) {
     worker.join();
   }
+  std::unique_lock<std::mutex> lock(mutex);
+  ended.wait(lock, [this] { return running == 0; });  // a volunteer's run
 }
 
 unsigned TaskScheduler::Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
@@ -83,12 +92,14 @@ unsigned TaskScheduler::Register(utils::thread::TASKTYPE type, const utils::thre
   return id;
 }
 
-void TaskScheduler::Launch(unsigned id) {
+void TaskScheduler::Launch(unsigned id, std::chrono::milliseconds after) {
   {
     std::lock_guard<std::mutex> lock(mutex);
-    table.Launch(id, Now());
+    table.Launch(id, Now() + after);
   }
-  changed.notify_one();
+  if (volunteerOf != this) {
+    changed.notify_one();
+  }
 }
 
 std::size_t TaskScheduler::LaunchAll() {
@@ -119,6 +130,26 @@ void TaskScheduler::Unregister(unsigned id) {
   ended.notify_all();
 }
 
+void TaskScheduler::Volunteer() { volunteerOf = this; }
+
+void TaskScheduler::RunDue() {
+  std::unique_lock<std::mutex> lock(mutex);
+  const TaskTable::Time began =
+      Now();  // what becomes due during a run is not this call's: it comes to an end
+  while (MayRunLocked()) {
+    const unsigned id = table.Begin(began);
+    if (id == 0) {
+      break;
+    }
+    RunLocked(lock, id);
+  }
+  // A run that failed or was put off is due again before the workers look; a launch may still be there.
+  const auto due = table.NextDue();
+  if (due && *due < workersWaitUntil) {
+    changed.notify_all();
+  }
+}
+
 bool TaskScheduler::WaitUntilIdle() {
   std::unique_lock<std::mutex> lock(mutex);
   ended.wait(lock, [this] { return table.IsIdle(Now()); });
@@ -128,14 +159,21 @@ bool TaskScheduler::WaitUntilIdle() {
 void TaskScheduler::Work() {
   std::unique_lock<std::mutex> lock(mutex);
   while (!stopping) {
+    if (!MayRunLocked()) {
+      workersHeldBack = true;  // the end of a run wakes it
+      changed.wait(lock);
+      continue;
+    }
     const unsigned id = table.Begin(Now());
     if (id != 0) {
       RunLocked(lock, id);
-    } else if (const auto due = table.NextDue()) {
-      changed.wait_until(lock, std::min(*due, Now() + longestWait));
-    } else {
-      changed.wait(lock);
+      continue;
     }
+    workersWaitUntil = Now() + longestWait;
+    if (const auto due = table.NextDue()) {
+      workersWaitUntil = std::min(*due, workersWaitUntil);
+    }
+    changed.wait_until(lock, TaskTable::Time(workersWaitUntil));  // a copy: others change it
   }
 }
 
@@ -143,6 +181,7 @@ void TaskScheduler::RunLocked(std::unique_lock<std::mutex>& lock, unsigned id) {
   // Safe without the lock: a running task's record stays where it is, and what Run reads of it never changes.
   const TaskTable::Task& task = *table.Find(id);
   const TaskTable::Time began = Now();
+  ++running;
   lock.unlock();
   currentRun = {this, id};
   TaskTable::Outcome outcome = TaskTable::Outcome::Failed;
@@ -161,6 +200,17 @@ void TaskScheduler::RunLocked(std::unique_lock<std::mutex>& lock, unsigned id) {
   anyFailed = anyFailed || outcome == TaskTable::Outcome::Failed;
   table.End(id, outcome, began, Now());
   ended.notify_all();
+  if (idle && table.IsIdle(Now())) {
+    lock.unlock();
+    idle();
+    lock.lock();
+  }
+  --running;
+  ended.notify_all();  // an end of the scheduler waits for this
+  if (workersHeldBack) {
+    workersHeldBack = false;
+    changed.notify_all();
+  }
 }
 
 // Never throws: it runs at the top of a worker, and memory may be short; then nothing runs for now.

@@ -1,6 +1,7 @@
 #ifndef VELTA_AGENT_TASK_SCHEDULER_H
 #define VELTA_AGENT_TASK_SCHEDULER_H
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -20,7 +21,10 @@ class Logger;
 // Before each run the gate is asked. A run that it refuses counts as a failed one and is tried again as those
 // are; each new reason is logged once. One that it puts off is tried again soon, without a word.
 //
-// An exception that leaves a task ends at the worker: it is logged with the task's name, and the task stays.
+// A thread that launches tasks and has nothing better to do may volunteer to run them itself: waking a worker
+// takes longer than many a task. No more tasks run at a time than there are workers, whoever runs them.
+//
+// An exception that leaves a task ends where it runs: it is logged with the task's name, and the task stays.
 //
 // Thread use: everything from any thread, tasks included. Construction throws std::system_error when no
 // thread is to be had. Destruction waits for running tasks.
@@ -32,10 +36,13 @@ class TaskScheduler {
     std::string reason;  // of a No
   };
 
-  // Whether a task may run now. Called on the workers, one at a time.
+  // Whether a task may run now. Called on the threads that run tasks, one at a time.
   using Gate = std::function<Permission()>;
 
-  TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Gate gateBeforeRuns = nullptr);
+  // whenIdle is called on a thread that has run a task and finds nothing more to run: for what no task is to
+  // wait for. It must not throw.
+  TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Gate gateBeforeRuns = nullptr,
+                std::function<void()> whenIdle = nullptr);
   ~TaskScheduler();
   TaskScheduler(const TaskScheduler&) = delete;
   TaskScheduler& operator=(const TaskScheduler&) = delete;
@@ -43,12 +50,21 @@ class TaskScheduler {
   // 0 when there is no function to call.
   unsigned Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
                     void* (*function)(void*), void* arg, const std::string& name);
-  void Launch(unsigned id);
+  // `after` is how long the run may wait for others, from this launch or the first one that waits.
+  void Launch(unsigned id, std::chrono::milliseconds after = std::chrono::milliseconds::zero());
   std::size_t LaunchAll();  // how many tasks there are
 
   // No run of the task begins after it returns. Waits for a running one, unless called from inside it.
   void PauseAndWait(unsigned id);
   void Unregister(unsigned id);
+
+  // For the rest of its life the calling thread calls RunDue soon after it has launched a task; no worker is
+  // woken for what it launches.
+  void Volunteer();
+
+  // Runs what is due on the calling thread, each task once at most. What other threads keep it from running
+  // is left to the workers.
+  void RunDue();
 
   // Waits until nothing runs and nothing is due. True when no run since construction has failed or was
   // refused.
@@ -56,19 +72,25 @@ class TaskScheduler {
 
  private:
   void Work();
+  bool MayRunLocked() const { return !stopping && running < mostAtOnce; }
   void RunLocked(std::unique_lock<std::mutex>& lock, unsigned id);  // lets go of the lock while the task runs
   void StopWorkers();
 
   Permission::Answer AskGate();
 
+  const unsigned mostAtOnce;
   Logger& logger;
   const Gate gate;
+  const std::function<void()> idle;
   std::mutex gateMutex;  // guards toldReason; makes calls of the gate exclusive
   std::string toldReason;
   std::mutex mutex;  // guards everything below it but the threads
   std::condition_variable changed;
   std::condition_variable ended;
   TaskTable table;
+  unsigned running = 0;
+  bool workersHeldBack = false;  // one waits for a run to end
+  TaskTable::Time workersWaitUntil{TaskTable::Time::max()};
   bool stopping = false;
   bool anyFailed = false;
   std::vector<std::thread> workers;

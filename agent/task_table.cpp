@@ -47,7 +47,7 @@ unsigned TaskTable::Register(utils::thread::TASKTYPE type, const utils::thread::
   return id;
 }
 
-void TaskTable::Launch(unsigned id, Time now) {
+void TaskTable::Launch(unsigned id, Time due) {
   const auto found = tasks.find(id);
   if (found == tasks.end() || found->second.paused) {
     return;
@@ -56,7 +56,7 @@ void TaskTable::Launch(unsigned id, Time now) {
   if (task.running) {
     task.launchedWhileRunning = true;
   } else {
-    task.due = Earlier(task.due, now);
+    task.due = Earlier(task.due, due);
   }
 }
 

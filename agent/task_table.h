@@ -46,7 +46,7 @@ class TaskTable {
   // 0 when there is no function to call.
   unsigned Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
                     void* (*function)(void*), void* arg, const std::string& name, Time now);
-  void Launch(unsigned id, Time now);
+  void Launch(unsigned id, Time due);
   std::size_t LaunchAll(Time now);  // how many there are
   void Pause(unsigned id);
   void Unregister(unsigned id);

@@ -30,6 +30,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/logger.h"
+#include "agent/task_scheduler.h"
 #include "host/file_monitor.h"
 #include "tests/agent/descriptor_limit.h"
 #include "tests/agent/written_log.h"
@@ -756,6 +757,49 @@ TEST_F(FileMonitorTest, Fault08AfterTheKernelDroppedEventsEveryFileIsReported) {
   EXPECT_THAT(written.Text(),
               HasSubstr("warning file monitor: the kernel dropped events (1 times so far); every "
                         "watched file is reported\n"));
+}
+
+// However a callback ends: a task that was launched and not run would wait for the next change.
+TEST_F(FileMonitorTest, WhatACallbackLaunchesRunsOnTheMonitorsThreadOnceTheCallbacksAreThrough) {
+  TaskScheduler scheduler(1, logger);
+  monitor = std::make_unique<FileMonitor>(logger, noChecks, &scheduler);
+  std::mutex mutex;
+  std::vector<std::string> steps;
+  std::thread::id callbackThread;
+  std::thread::id taskThread;
+  Tally runs;
+  const auto note = [&](const std::string& step, std::thread::id& thread) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    steps.push_back(step);
+    thread = std::this_thread::get_id();
+  };
+  struct Job {
+    std::function<void()> work;
+    static void* Run(void* job) {
+      static_cast<Job*>(job)->work();
+      return nullptr;
+    }
+  } job = {[&] {
+    note("task", taskThread);
+    runs.Add();
+  }};
+  const unsigned id = scheduler.Register(utils::thread::TASKTYPE_PERIODIC, utils::thread::TASK_CONDITION(),
+                                         Job::Run, &job, "task");
+  const FileWatchRule older = Watch(file, [&](int, const char*, const char*, bool, int, const std::string&) {
+    note("older", callbackThread);
+    throw std::runtime_error("thrown by a callback");
+  });
+  const FileWatchRule newer = Watch(file, [&](int, const char*, const char*, bool, int, const std::string&) {
+    note("newer", callbackThread);
+    scheduler.Launch(id);
+  });
+  ReplaceFile(file, "changed");
+  EXPECT_TRUE(runs.Reaches(1));
+  monitor->Remove(older);
+  monitor->Remove(newer);
+  monitor.reset();
+  EXPECT_THAT(steps, testing::ElementsAre("newer", "older", "task"));
+  EXPECT_EQ(taskThread, callbackThread);
 }
 
 TEST_F(FileMonitorTest, Fault09PollingIsSaidOnceHoweverManyRulesItServes) {

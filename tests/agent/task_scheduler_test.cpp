@@ -28,6 +28,7 @@ using testing::HasSubstr;
 using testing::Not;
 using utils::thread::TASK_CONDITION;
 using utils::thread::TASKTYPE_PERIODIC;
+using Permission = TaskScheduler::Permission;
 
 // What a task does. Lives longer than the scheduler that runs it.
 struct Job {
@@ -84,6 +85,262 @@ TEST_F(TaskSchedulerTest, ALaunchRunsTheTaskOnAnotherThread) {
   ASSERT_TRUE(ran.Wait());
   EXPECT_NE(thread, std::this_thread::get_id());
   scheduler.reset();
+}
+
+TEST_F(TaskSchedulerTest, AVolunteerRunsWhatItLaunchesOnItsOwnThread) {
+  std::vector<std::thread::id> threads;
+  Job job = {[&] { threads.push_back(std::this_thread::get_id()); }};
+  const unsigned id = Register(job);
+  std::thread volunteer([&] {
+    scheduler->Volunteer();
+    for (int round = 0; round < 1000; ++round) {
+      scheduler->Launch(id);
+      scheduler->RunDue();
+    }
+  });
+  const std::thread::id expected = volunteer.get_id();
+  volunteer.join();
+  EXPECT_EQ(threads, std::vector<std::thread::id>(1000, expected));
+}
+
+TEST_F(TaskSchedulerTest, WhatAVolunteerFindsNoRoomForIsRunByAWorker) {
+  scheduler = std::make_unique<TaskScheduler>(1, logger);
+  Latch inside;
+  Latch mayEnd;
+  Tally runs;
+  std::thread::id thread;
+  Job slow = {[&] {
+    inside.Open();
+    mayEnd.Wait();
+  }};
+  Job job = {[&] {
+    thread = std::this_thread::get_id();
+    runs.Add();
+  }};
+  scheduler->Launch(Register(slow));
+  ASSERT_TRUE(inside.Wait());
+  const unsigned id = Register(job);
+  std::thread::id volunteering;
+  std::thread volunteer([&] {
+    volunteering = std::this_thread::get_id();
+    scheduler->Volunteer();
+    scheduler->Launch(id);
+    scheduler->RunDue();  // comes back at once
+  });
+  volunteer.join();
+  EXPECT_EQ(runs.Count(), 0) << "no more tasks at a time than there are workers";
+  mayEnd.Open();
+  EXPECT_TRUE(runs.Reaches(1));
+  EXPECT_NE(thread, volunteering);
+  scheduler.reset();  // before what its task uses
+}
+
+TEST_F(TaskSchedulerTest, WhileAVolunteerRunsATaskTheWorkersWaitAndThenGoOn) {
+  scheduler = std::make_unique<TaskScheduler>(1, logger);
+  Latch inside;
+  Latch mayEnd;
+  Tally runs;
+  std::atomic<bool> alone{true};
+  std::atomic<bool> slowRuns{false};
+  Job slow = {[&] {
+    slowRuns = true;
+    inside.Open();
+    mayEnd.Wait();
+    slowRuns = false;
+  }};
+  Job job = {[&] {
+    alone = alone && !slowRuns;
+    runs.Add();
+  }};
+  const unsigned slowId = Register(slow);
+  RegisterTimed(job, 1, anHour);  // due by its timer
+  const unsigned launched = Register(job);
+  ASSERT_TRUE(runs.Reaches(1));
+  std::thread volunteer([&] {
+    scheduler->Volunteer();
+    scheduler->Launch(slowId);
+    scheduler->RunDue();
+  });
+  ASSERT_TRUE(inside.Wait());
+  RegisterTimed(job, 0, anHour);
+  scheduler->Launch(launched);
+  EXPECT_FALSE(runs.Reaches(2, temptation));
+  mayEnd.Open();
+  EXPECT_TRUE(runs.Reaches(3));
+  EXPECT_TRUE(alone);
+  volunteer.join();
+  scheduler.reset();  // before what its tasks use
+}
+
+TEST_F(TaskSchedulerTest, ARunOfAVolunteerThatFailsOrIsPutOffIsTriedAgainByTheWorkers) {
+  for (const bool putOff : {false, true}) {
+    SCOPED_TRACE(putOff);
+    std::atomic<bool> first{false};
+    Tally runs;
+    Job job = {[&] {
+      runs.Add();
+      if (first.exchange(false)) {
+        throw std::runtime_error("the first time");
+      }
+    }};
+    const auto gate = [&] {
+      const bool notYet = putOff && first.exchange(false);
+      return Permission{notYet ? Permission::Answer::NotYet : Permission::Answer::Yes, ""};
+    };
+    scheduler = std::make_unique<TaskScheduler>(1, logger, gate);
+    const unsigned id = Register(job);
+    LetTheWorkersWork();  // and then sleep for as long as nothing is due
+    first = true;
+    std::thread volunteer([&] {
+      scheduler->Volunteer();
+      scheduler->Launch(id);
+      scheduler->RunDue();
+    });
+    volunteer.join();
+    EXPECT_TRUE(runs.Reaches(putOff ? 1 : 2));
+    scheduler.reset();  // before what its task uses
+  }
+}
+
+TEST_F(TaskSchedulerTest, ALaunchThatMayWaitIsLeftToTheWorkersWhoWakeForIt) {
+  scheduler = std::make_unique<TaskScheduler>(1, logger);
+  Tally runs;
+  std::thread::id thread;
+  Job job = {[&] {
+    thread = std::this_thread::get_id();
+    runs.Add();
+  }};
+  const unsigned id = Register(job);
+  LetTheWorkersWork();
+  std::thread::id volunteering;
+  std::thread volunteer([&] {
+    volunteering = std::this_thread::get_id();
+    scheduler->Volunteer();
+    scheduler->Launch(id, temptation);
+    scheduler->RunDue();
+  });
+  volunteer.join();
+  EXPECT_EQ(runs.Count(), 0);
+  EXPECT_TRUE(runs.Reaches(1));
+  EXPECT_NE(thread, volunteering);
+  scheduler.reset();  // before what its task uses
+}
+
+TEST_F(TaskSchedulerTest, ATaskThatLaunchesItselfDoesNotKeepAVolunteer) {
+  Tally runs;
+  unsigned id = 0;
+  Job job = {[&] {
+    runs.Add();
+    scheduler->Launch(id);
+  }};
+  id = Register(job);
+  std::thread volunteer([&] {
+    scheduler->Volunteer();
+    scheduler->Launch(id);
+    scheduler->RunDue();
+  });
+  volunteer.join();
+  EXPECT_TRUE(runs.Reaches(100)) << "the workers go on with it";
+  scheduler->PauseAndWait(id);
+}
+
+TEST_F(TaskSchedulerTest, DestructionWaitsForTheRunOfAVolunteer) {
+  Latch inside;
+  Tally destroyed;
+  std::atomic<bool> ended{false};
+  Job job = {[&] {
+    inside.Open();
+    destroyed.Reaches(1, temptation);
+    ended = true;
+  }};
+  const unsigned id = Register(job);
+  std::thread volunteer([&] {
+    scheduler->Volunteer();
+    scheduler->Launch(id);
+    scheduler->RunDue();
+  });
+  ASSERT_TRUE(inside.Wait());
+  scheduler.reset();
+  EXPECT_TRUE(ended);
+  destroyed.Add();
+  volunteer.join();
+}
+
+TEST_F(TaskSchedulerTest, TheCallForIdleThreadsComesOnceAfterTasksThatRanOneAfterTheOther) {
+  std::string course;
+  Tally idle;
+  scheduler = std::make_unique<TaskScheduler>(1, logger, nullptr, [&] {
+    course += "idle ";
+    idle.Add();
+  });
+  Latch inside;
+  Latch mayEnd;
+  Job first = {[&] {
+    inside.Open();
+    mayEnd.Wait();
+    course += "first ";
+  }};
+  Job second = {[&] { course += "second "; }};
+  scheduler->Launch(Register(first));
+  ASSERT_TRUE(inside.Wait());
+  const unsigned id = Register(second);
+  scheduler->Launch(id);
+  mayEnd.Open();
+  ASSERT_TRUE(idle.Reaches(1));
+  scheduler->Launch(id);
+  ASSERT_TRUE(idle.Reaches(2));
+  scheduler.reset();
+  EXPECT_EQ(course, "first second idle second idle ");
+}
+
+TEST_F(TaskSchedulerTest, TheCallForIdleThreadsComesOnTheVolunteerThatRanATask) {
+  std::vector<std::thread::id> threads;
+  scheduler = std::make_unique<TaskScheduler>(1, logger, nullptr,
+                                              [&] { threads.push_back(std::this_thread::get_id()); });
+  Job job = {[] {}};
+  const unsigned id = Register(job);
+  std::thread volunteer([&] {
+    scheduler->Volunteer();
+    scheduler->RunDue();  // nothing to run, so nothing has ended
+    scheduler->Launch(id);
+    scheduler->RunDue();
+  });
+  const std::thread::id expected = volunteer.get_id();
+  volunteer.join();
+  EXPECT_EQ(threads, std::vector<std::thread::id>{expected});
+}
+
+TEST_F(TaskSchedulerTest, NobodyWaitsForTheCallForIdleThreadsButTheDestruction) {
+  Latch inside;
+  Latch mayEnd;
+  Tally destroyed;
+  std::atomic<bool> over{false};
+  scheduler = std::make_unique<TaskScheduler>(1, logger, nullptr, [&] {
+    inside.Open();
+    mayEnd.Wait();
+    over = true;
+  });
+  Job job = {[] {}};
+  const unsigned id = Register(job);
+  std::thread volunteer([&] {
+    scheduler->Volunteer();
+    scheduler->Launch(id);
+    scheduler->RunDue();
+  });
+  ASSERT_TRUE(inside.Wait());
+  EXPECT_TRUE(scheduler->WaitUntilIdle());
+  scheduler->PauseAndWait(id);
+  scheduler->Unregister(id);
+  std::thread destroyer([&] {
+    std::unique_ptr<TaskScheduler>(std::move(scheduler)).reset();
+    destroyed.Add();
+  });
+  EXPECT_FALSE(destroyed.Reaches(1, temptation));
+  EXPECT_FALSE(over);
+  mayEnd.Open();
+  destroyer.join();
+  volunteer.join();
+  EXPECT_TRUE(over);
 }
 
 TEST_F(TaskSchedulerTest, ATaskRunsWithoutALaunchWhenItsTimerSaysSo) {
@@ -353,8 +610,6 @@ TEST_F(TaskSchedulerTest, Fault05AnExceptionIsLoggedWithTheNameOfTheTaskWhichGoe
   EXPECT_FALSE(scheduler->WaitUntilIdle()) << "a failure is told until the end";
   EXPECT_EQ(runs.Count(), 3);
 }
-
-using Permission = TaskScheduler::Permission;
 
 TEST_F(TaskSchedulerTest, NoTaskBeginsWhileTheGateRefusesAndTheLogSaysSoOnce) {
   std::atomic<bool> blocked{true};

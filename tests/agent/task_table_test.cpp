@@ -165,6 +165,15 @@ TEST_F(TaskTableTest, ALaunchDuringTheRunThatAnotherOneAskedForCountsAgain) {
   EXPECT_THAT(Starts(100000), ElementsAre(30));
 }
 
+TEST_F(TaskTableTest, ALaunchThatMayWaitIsOneRunWithTheNextAndNoLaterThanTheFirst) {
+  const unsigned id = OnLaunch();
+  table.Launch(id, At(30));
+  table.Launch(id, At(10));
+  table.Launch(id, At(20));
+  EXPECT_EQ(table.Begin(At(9)), 0u);
+  EXPECT_THAT(Starts(1000), ElementsAre(10));
+}
+
 TEST_F(TaskTableTest, Fault03ALaunchOfNobodyIsIgnored) {
   const unsigned id = OnLaunch();
   table.Launch(0, At(1));
