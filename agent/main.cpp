@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -27,6 +28,7 @@
 #include "agent/safe_text.h"
 #include "agent/send_queue.h"
 #include "agent/services.h"
+#include "agent/spare_memory.h"
 #include "agent/task_scheduler.h"
 #include "host/string_process.h"
 
@@ -163,6 +165,14 @@ void Reload(const Watchers& watchers, const Options& options, std::string& runni
   Start(watchers, running);
 }
 
+// After a reading, when no other is waiting. The first one has used for the first time what readings use:
+// what comes back after that is what they need.
+void TidyUp() {
+  static std::once_flag firstReading;
+  std::call_once(firstReading, LetGoOfFilePages);
+  GiveBackFreedMemory();
+}
+
 // Until a signal asks for the end.
 void Watch(const sigset_t& signals, const Watchers& watchers, const Options& options, std::string policy,
            Logger& logger) {
@@ -199,11 +209,11 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
     queue.Push(UnreadableEvent(accountFilePath, reason), SendQueue::Lane::Findings);
   });
   // A single reading has seen its file already.
+  const TaskScheduler::Gate askGate = [&gate] {
+    return gate.Ask(accountFilePath, ReadingGate::Time::clock::now());
+  };
   TaskScheduler scheduler = Started("task scheduler", [&] {
-    return TaskScheduler(
-        workerCount, logger, options.once ? TaskScheduler::Gate() : [&gate] {
-          return gate.Ask(accountFilePath, ReadingGate::Time::clock::now());
-        });
+    return TaskScheduler(workerCount, logger, options.once ? nullptr : askGate, TidyUp);
   });
   FileMonitor monitor =
       Started("file monitor", [&] { return FileMonitor(logger, options.identityInterval, &scheduler); });
@@ -257,6 +267,7 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
 
 int Run(const Options& options) {
   IgnoreWriteSignals();
+  AllocateFromOnePlace();
   if (!options.checkPolicyPath.empty()) {
     return CheckPolicy(options.checkPolicyPath);
   }
