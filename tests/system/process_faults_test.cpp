@@ -301,16 +301,18 @@ TEST_F(ProcessFaults, Fault18AnAlertFileThatIsRotatedRemovedOrTruncatedIsOpenedA
 TEST_F(ProcessFaults, Fault18RotationsInTheMiddleOfManyAlertsLoseNone) {
   const std::string output = folder.Path("alerts");
   std::vector<std::string> expected;
-  const std::string lines = RootLines(3000, expected);
+  const std::string lines = RootLines(8000, expected);
   const auto agent = Watching({"--limit", "0", "--output", output});
   etc.WritePasswd(rootAndAlice + lines);
   int rotations = 0;
   const auto deadline = std::chrono::steady_clock::now() + patience;
   std::vector<std::string> all;
   while (all.size() < expected.size() && std::chrono::steady_clock::now() < deadline) {
-    agent->NextAlert(milliseconds(1));
     if (std::filesystem::exists(output) && std::filesystem::file_size(output) > 0) {
       std::filesystem::rename(output, folder.Path("alerts." + std::to_string(rotations++)));
+    }
+    if (rotations < 5) {
+      continue;  // reading takes long enough for all alerts to be written
     }
     all.clear();
     for (int file = 0; file < rotations; ++file) {
@@ -319,7 +321,6 @@ TEST_F(ProcessFaults, Fault18RotationsInTheMiddleOfManyAlertsLoseNone) {
     }
   }
   EXPECT_EQ(all, expected);
-  EXPECT_GT(rotations, 2);
   End(*agent);
 }
 
@@ -474,7 +475,14 @@ TEST_F(ProcessFaults, Fault21AModuleThatCannotBeUsedIsNamedAndEndsWithFour) {
 
 rlim_t descriptorsOfNextAgent = 0;
 
+// Nothing of what the test runner's own parent left open counts.
 bool LimitDescriptors() {
+  for (int descriptor = STDERR_FILENO + 1; descriptor < 256; ++descriptor) {
+    const int flags = fcntl(descriptor, F_GETFD);
+    if (flags >= 0 && (flags & FD_CLOEXEC) == 0) {
+      close(descriptor);
+    }
+  }
   const rlimit limit = {descriptorsOfNextAgent, descriptorsOfNextAgent};
   return setrlimit(RLIMIT_NOFILE, &limit) == 0;
 }
