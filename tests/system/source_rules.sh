@@ -33,7 +33,7 @@ sources() {
 }
 
 # Includes of the project may not hide in angle brackets either.
-project='bus|host|collector|detect|module|agent|tests|bench|fuzz'
+project='bus|host|collector|detect|module|agent|tests|benchmarks|fuzz'
 
 checked=0
 for folder in "${!allowed[@]}"; do

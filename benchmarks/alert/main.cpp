@@ -1,0 +1,235 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "benchmarks/alert/contestant.h"
+#include "benchmarks/alert/measurements.h"
+#include "tests/system/private_etc.h"
+
+namespace {
+
+constexpr char usage[] =
+    R"(usage: velta_bench_alert [OPTION]...
+
+Measures how long a change of /etc/passwd takes to become an alert, for the agent, for the least that a watching
+program has to do (the floor), and for what else tells of such a change. In a private copy of /etc; as root.
+
+  --results FOLDER      where the samples go, as CSV (.)
+  --only PART           alerts, rested, busy, accounts or load; all of them without
+  --quick               a small part of everything, to see that it works
+  --rounds N            turns of each contestant (10)
+  --changes N           of the floor and of the agent (2000)
+  --peer-changes N      of each other contestant (200)
+  --pair-changes N      of both after a pause, and with every processor busy (1000)
+  --changes-of-size N   at each number of accounts (40)
+  --bursts N            of a thousand changes a second (6)
+  --burst-ms N          how long one is (10000)
+  --seed N              of the pauses between changes (1)
+  --agent FILE          another agent than the one of this build
+
+Exit codes: 0 measured; 1 it could not be; 2 usage.
+)";
+
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct Options {
+  Plan plan;
+  std::string results = ".";
+  std::string only;
+  std::string agent = VELTA_AGENT_FILE;
+};
+
+std::uint64_t NumberOf(const std::string& text, std::uint64_t lowest) {
+  const bool digits =
+      !text.empty() && text.size() < 10 && text.find_first_not_of("0123456789") == std::string::npos;
+  if (!digits || std::stoull(text) < lowest) {
+    throw UsageError("'" + text + "' is not a number from " + std::to_string(lowest));
+  }
+  return std::stoull(text);
+}
+
+void MakeQuick(Plan& plan) {
+  plan.rounds = 2;
+  plan.changes = 200;
+  plan.peerChanges = 20;
+  plan.pairChanges = 100;
+  plan.sizes = {50, 1000, 10000};
+  plan.changesOfSize = 5;
+  plan.bursts = 2;
+  plan.burst = std::chrono::milliseconds(1500);
+}
+
+Options Parse(const std::vector<std::string>& words) {
+  Options options;
+  Plan& plan = options.plan;
+  const std::map<std::string, std::function<void(const std::string&)>> valued = {
+      {"--results", [&](const std::string& text) { options.results = text; }},
+      {"--agent", [&](const std::string& text) { options.agent = text; }},
+      {"--only",
+       [&](const std::string& text) {
+         if (text != "alerts" && text != "rested" && text != "busy" && text != "accounts" && text != "load") {
+           throw UsageError("'" + text + "' is no part");
+         }
+         options.only = text;
+       }},
+      {"--rounds", [&](const std::string& text) { plan.rounds = NumberOf(text, 1); }},
+      {"--changes", [&](const std::string& text) { plan.changes = NumberOf(text, 1); }},
+      {"--peer-changes", [&](const std::string& text) { plan.peerChanges = NumberOf(text, 1); }},
+      {"--pair-changes", [&](const std::string& text) { plan.pairChanges = NumberOf(text, 1); }},
+      {"--changes-of-size", [&](const std::string& text) { plan.changesOfSize = NumberOf(text, 1); }},
+      {"--bursts", [&](const std::string& text) { plan.bursts = NumberOf(text, 1); }},
+      {"--burst-ms",
+       [&](const std::string& text) {
+         plan.burst = std::chrono::milliseconds(static_cast<std::int64_t>(NumberOf(text, 1)));
+       }},
+      {"--seed", [&](const std::string& text) { plan.seed = NumberOf(text, 0); }},
+  };
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    const auto found = valued.find(words[i]);
+    if (words[i] == "--quick") {
+      MakeQuick(plan);
+    } else if (found == valued.end()) {
+      throw UsageError("unknown argument: " + words[i]);
+    } else if (++i == words.size()) {
+      throw UsageError(found->first + " takes a value");
+    } else {
+      found->second(words[i]);
+    }
+  }
+  return options;
+}
+
+bool IsInstalled(const std::string& program) {
+  const char* const path = std::getenv("PATH");
+  std::istringstream folders(std::string(path == nullptr ? "" : path) + ":/usr/local/sbin:/usr/sbin:/sbin");
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    if (access((folder + "/" + program).c_str(), X_OK) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void WriteFile(const std::string& path, const std::string& text) {
+  std::ofstream file(path);
+  file << text << std::flush;
+  if (!file) {
+    throw std::runtime_error("cannot write " + path);
+  }
+}
+
+// What a shell does with the account file to find what the others find.
+constexpr char search[] = R"(awk -F: '$3 == 0 && $1 != "root"' /etc/passwd)";
+
+Contestant Floor() { return {"floor", {VELTA_FLOOR_FILE}, "", false}; }
+
+Contestant Agent(const Options& options) {
+  return {"velta-agent", {options.agent, "--limit", "0"}, "", false};
+}
+
+Contestant AgentWithoutCrossCheck(const Options& options) {
+  return {"velta-agent --no-cross-check", {options.agent, "--limit", "0", "--no-cross-check"}, "", false};
+}
+
+Contestant ShellLoop() {
+  const std::string loop =
+      std::string("inotifywait -m -q -e moved_to --format %f /etc | while read -r file; do ") +
+      "[ \"$file\" = passwd ] && " + search + "; done";
+  return {"inotifywait | while read | awk", {"sh", "-c", loop}, "", true};
+}
+
+// In the private "/etc": a table of its own, and nobody else's.
+Contestant Incron() {
+  const std::string room = "/etc/velta-bench-incron";
+  mkdir(room.c_str(), 0755);
+  mkdir((room + "/tables").c_str(), 0755);
+  mkdir((room + "/users").c_str(), 0755);
+  WriteFile(room + "/incron.conf", "system_table_dir = " + room + "/tables\nuser_table_dir = " + room +
+                                       "/users\nlockfile_dir = " + room + "\nlockfile_name = lock\n");
+  WriteFile(room + "/tell", std::string("[ \"$1\" = passwd ] && ") + search + " >" + room + "/alerts\n");
+  WriteFile(room + "/tables/passwd", "/etc IN_MOVED_TO /bin/sh " + room + "/tell $#\n");
+  return {"incron", {"incrond", "-n", "-f", room + "/incron.conf"}, room + "/alerts", true};
+}
+
+// Who takes part in the comparison; who cannot is told with the reason, in alert_not_measured.csv as well.
+std::vector<Entry> Entries(const Options& options) {
+  const Plan& plan = options.plan;
+  std::vector<Entry> entries = {{Floor(), plan.changes},
+                                {Agent(options), plan.changes},
+                                {AgentWithoutCrossCheck(options), plan.changes}};
+  std::string absent = "contestant,reason\n";
+  const auto leaveOut = [&absent](const std::string& name, const std::string& reason) {
+    std::cerr << name << " is not measured: " << reason << '\n';
+    absent += name + "," + reason + "\n";
+  };
+  if (IsInstalled("inotifywait")) {
+    entries.push_back({ShellLoop(), plan.peerChanges});
+  } else {
+    leaveOut("inotifywait | while read | awk", "not installed");
+  }
+  if (IsInstalled("incrond")) {
+    entries.push_back({Incron(), plan.peerChanges});
+  } else {
+    leaveOut("incron", "not installed");
+  }
+  leaveOut("systemd path unit", "the service manager does not see the private /etc");
+  leaveOut("samhain", "nothing here drives it");
+  WriteFile(options.results + "/alert_not_measured.csv", absent);
+  return entries;
+}
+
+void Run(const Options& options) {
+  const PrivateEtc etc;
+  const auto wanted = [&options](const std::string& part) {
+    return options.only.empty() || options.only == part;
+  };
+  const std::vector<Contestant> pair = {Floor(), Agent(options)};
+  if (wanted("alerts")) {
+    MeasureAlerts(options.plan, Entries(options), options.results);
+  }
+  if (wanted("rested")) {
+    MeasureRested(options.plan, pair, options.results);
+  }
+  if (wanted("busy")) {
+    MeasureBusy(options.plan, pair, options.results);
+  }
+  if (wanted("accounts")) {
+    MeasureAccounts(options.plan, pair, options.results);
+  }
+  if (wanted("load")) {
+    MeasureLoad(options.plan, pair, options.results);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::vector<std::string> words(argv + 1, argv + argc);
+  if (words.size() == 1 && (words[0] == "-h" || words[0] == "--help")) {
+    std::cout << usage;
+    return 0;
+  }
+  try {
+    Run(Parse(words));
+    return 0;
+  } catch (const UsageError& error) {
+    std::cerr << "velta_bench_alert: " << error.what() << '\n' << usage;
+    return 2;
+  } catch (const std::exception& error) {
+    std::cerr << "velta_bench_alert: " << error.what() << '\n';
+    return 1;
+  }
+}
