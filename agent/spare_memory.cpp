@@ -95,8 +95,11 @@ void AllocateFromOnePlace() {
 
 void GiveBackFreedMemory([[maybe_unused]] std::size_t worthwhile) {
 #ifdef VELTA_HAS_MALLINFO2
-  // What the allocator calls free counts what was given back already, so the system is asked what there is.
   const auto allocated = mallinfo2();
+  if (allocated.fordblks <= worthwhile) {
+    return;
+  }
+  // What the allocator calls free counts what was given back already, so the system is asked what there is.
   if (ResidentAnonymousMemory() > allocated.uordblks + allocated.hblkhd + worthwhile) {
     malloc_trim(0);
   }
