@@ -36,6 +36,7 @@ constexpr unsigned failureLevel = 2;
 
 constexpr std::size_t longestLine = 1000;
 constexpr std::size_t fieldCount = 7;
+constexpr std::size_t usualAccounts = 64;  // what most hosts have fits without moving records about
 
 using Records = std::vector<PasswdInfo>;
 
@@ -174,6 +175,7 @@ bool UserInfoCollector::ReadPasswd(std::vector<PasswdInfo>& users) {
     return false;
   }
   const std::time_t readTime = std::time(nullptr);
+  users.reserve(users.size() + usualAccounts);
   int lineNumber = 0;
   std::string line;
   while (std::getline(file, line)) {
