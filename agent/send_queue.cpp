@@ -69,7 +69,7 @@ bool SendQueue::MayDeliverHereLocked(Waiting& lane) {
     return false;
   }
   const bool busy =
-      writing || begun != nullptr || draining || abandoned || stopping || failing || outputFailed;
+      writing || begun != nullptr || draining || abandoned || stopping || outputFailed;
   if (busy || !sink.NeverBlocks()) {
     return false;
   }
