@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -48,37 +47,17 @@ EventSink::EventSink(const std::string& outputPath)
   if (IsStandardOutput()) {
     descriptor = STDOUT_FILENO;
     regular = IsRegular(descriptor);
-    UsePipeOfOwn();
   } else if (!OpenFile() && errno != ENXIO) {  // ENXIO: a FIFO whose reader is still to come
     throw std::runtime_error(error);
   }
 }
 
-EventSink::~EventSink() {
-  Close();
-  if (neverBlocks) {
-    close(descriptor);
-  }
-}
+EventSink::~EventSink() { Close(); }
 
 void EventSink::Close() {
   if (descriptor >= 0 && !IsStandardOutput()) {
     close(descriptor);
     descriptor = -1;
-  }
-}
-
-// A pipe that is standard output, opened once more: it can then be made non-blocking, which the descriptor
-// that others share must not be. Refused for a pipe of another user's; without it, all is as for any stream.
-void EventSink::UsePipeOfOwn() {
-  struct stat status = {};
-  if (fstat(STDOUT_FILENO, &status) != 0 || !S_ISFIFO(status.st_mode)) {
-    return;
-  }
-  const int own = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-  if (own >= 0) {
-    descriptor = own;
-    neverBlocks = true;
   }
 }
 

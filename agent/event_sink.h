@@ -28,9 +28,6 @@ class EventSink {
   EventSink(const EventSink&) = delete;
   EventSink& operator=(const EventSink&) = delete;
 
-  // Whether a Write without patience returns at once, whatever the other end and its file system do.
-  bool NeverBlocks() const { return neverBlocks; }
-
   // Writes the event and a newline; waits for a slow reader no longer than patience.
   Outcome Write(const std::string& event, std::chrono::milliseconds patience);
 
@@ -39,7 +36,6 @@ class EventSink {
 
  private:
   bool IsStandardOutput() const { return path.empty(); }
-  void UsePipeOfOwn();
   bool OpenFile();  // false, with the error set, when that failed
   void Close();
   bool FileWasReplaced() const;
@@ -51,7 +47,6 @@ class EventSink {
   std::string name;
   int descriptor = -1;
   bool regular = false;
-  bool neverBlocks = false;
   bool needsNewline = false;  // the output ends in a piece of a record
   std::size_t sent = 0;       // of the current record, to a stream
   std::string error;

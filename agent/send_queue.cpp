@@ -46,48 +46,15 @@ SendQueue::~SendQueue() {
 
 void SendQueue::Push(const std::string& event, Lane lane) noexcept {
   {
-    std::unique_lock<std::mutex> lock(mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     Waiting& waiting = lanes[lane == Lane::Alerts ? 0 : 1];
     if (waiting.bytes + Waiting::Cost(event) <= waiting.longest && waiting.Append(event)) {
       ++accepted;
     } else {
       waiting.lost.Add(event);  // told by the delivering thread
     }
-    if (MayDeliverHereLocked(waiting)) {
-      DeliverHereLocked(lock, waiting);
-    }
-    if (IsEmptyLocked()) {
-      return;
-    }
   }
   changed.notify_one();
-}
-
-// Findings are left to the delivering thread: they may be many, and an alert may be on its way.
-bool SendQueue::MayDeliverHereLocked(Waiting& lane) {
-  if (&lane != &lanes[0] || CountLocked() != 1 || lane.events.size() != 1 || lane.lost.Count() > 0) {
-    return false;
-  }
-  const bool busy =
-      writing || begun != nullptr || draining || abandoned || stopping || outputFailed;
-  if (busy || !sink.NeverBlocks()) {
-    return false;
-  }
-  const MinuteLimit::Time now = Now();
-  return lane.limit.NextAdmission(now) <= now;
-}
-
-// What does not get through is left to the delivering thread, also what there is to log of it.
-void SendQueue::DeliverHereLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) noexcept {
-  try {
-    AttemptLocked(lock, lane, milliseconds::zero());
-  } catch (const std::bad_alloc&) {  // the event is still in the queue
-    if (!lock.owns_lock()) {
-      lock.lock();
-    }
-    writing = false;
-    delivered.notify_all();
-  }
 }
 
 // With what the containers take for it.
@@ -169,7 +136,7 @@ void SendQueue::Deliver() {
           AppendSummaryLocked(lock, lane);
         }
       }
-      if (CountLocked() == 0 || abandoned || writing) {
+      if (CountLocked() == 0 || abandoned) {
         changed.wait(lock);
       } else {
         DeliverDueLocked(lock);
@@ -238,13 +205,12 @@ void SendQueue::TellDeferringLocked(std::unique_lock<std::mutex>& lock, Waiting&
   lock.lock();
 }
 
-EventSink::Outcome SendQueue::AttemptLocked(std::unique_lock<std::mutex>& lock, Waiting& lane,
-                                            milliseconds patience) {
+void SendQueue::DeliverNextLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) {
   const std::string& event = lane.events.front();  // stays where it is while others are pushed behind it
   begun = &lane;  // also if the attempt ends in an exception: the output may hold a part of the event by then
   writing = true;
   lock.unlock();
-  const EventSink::Outcome outcome = sink.Write(event, patience);
+  const EventSink::Outcome outcome = sink.Write(event, sinkPatience);
   lock.lock();
   writing = false;
   begun = outcome == EventSink::Outcome::Blocked ? &lane : nullptr;
@@ -258,11 +224,6 @@ EventSink::Outcome SendQueue::AttemptLocked(std::unique_lock<std::mutex>& lock, 
   if (IsEmptyLocked() || outputFailed || abandoned) {
     delivered.notify_all();
   }
-  return outcome;
-}
-
-void SendQueue::DeliverNextLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) {
-  const EventSink::Outcome outcome = AttemptLocked(lock, lane, sinkPatience);
   const std::size_t waiting = CountLocked();
   const std::size_t lostSoFar = lanes[0].lost.Count() + lanes[1].lost.Count();
   lock.unlock();

@@ -23,10 +23,7 @@ class Logger;
 // Memory is bounded: beyond longestQueue bytes of waiting events new ones are lost. As soon as half of that
 // is free again, one event is queued that says how many were lost and whom they named; see LostEvents.
 //
-// An alert that need not wait for anything leaves on the thread that pushes it, if the sink can never hold that
-// thread up: waking another one would take longer than the write.
-//
-// Thread use: Push, Accepted and Drain on any thread; delivery otherwise on a thread of its own. Construction throws
+// Thread use: Push, Accepted and Drain on any thread; delivery on a thread of its own. Construction throws
 // std::system_error when no thread is to be had. Nothing is delivered any more after a Drain that gave up.
 class SendQueue {
  public:
@@ -80,10 +77,6 @@ class SendQueue {
   void DeliverDueLocked(std::unique_lock<std::mutex>& lock);
   void TellDeferringLocked(std::unique_lock<std::mutex>& lock, Waiting& lane);
   void DeliverNextLocked(std::unique_lock<std::mutex>& lock, Waiting& lane);
-  bool MayDeliverHereLocked(Waiting& lane);
-  void DeliverHereLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) noexcept;
-  EventSink::Outcome AttemptLocked(std::unique_lock<std::mutex>& lock, Waiting& lane,
-                                   std::chrono::milliseconds patience);
   void NoteOutcome(EventSink::Outcome outcome, std::size_t waiting, std::size_t lostSoFar);
 
   EventSink& sink;
@@ -101,7 +94,8 @@ class SendQueue {
   bool stopping = false;
 
   bool outputFailed = false;  // at the last attempt
-  bool failing = false;       // as it was told
+
+  bool failing = false;  // the delivering thread's own, and the next
   bool lossTold = false;
   std::thread thread;
 };

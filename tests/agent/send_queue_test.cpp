@@ -1,6 +1,5 @@
 #include "agent/send_queue.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,7 +11,6 @@
 #include <memory>
 #include <optional>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -482,112 +480,6 @@ TEST_F(SendQueueTest, EventsOfManyThreadsAreAllThereInTheOrderOfEachThread) {
     byThread.at(static_cast<std::size_t>(line[0] - '0')).push_back(line.substr(2));
   }
   EXPECT_THAT(byThread, testing::Each(Events(eventCount)));
-}
-
-// A pipe in the place of standard output.
-class OutputPipe {
- public:
-  OutputPipe() : before(dup(STDOUT_FILENO)) {
-    if (pipe2(ends.data(), O_CLOEXEC) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) {
-      throw std::runtime_error("no pipe for standard output");
-    }
-    fcntl(ends[0], F_SETFL, O_NONBLOCK);
-  }
-  ~OutputPipe() {
-    dup2(before, STDOUT_FILENO);
-    close(before);
-    close(ends[0]);
-    close(ends[1]);
-  }
-  OutputPipe(const OutputPipe&) = delete;
-  OutputPipe& operator=(const OutputPipe&) = delete;
-
-  // All that is there now.
-  std::string Take() const {
-    std::string text;
-    std::array<char, 4096> part{};
-    for (ssize_t size = 0; (size = read(ends[0], part.data(), part.size())) > 0;) {
-      text.append(part.data(), static_cast<std::size_t>(size));
-    }
-    return text;
-  }
-
- private:
-  const int before;
-  std::array<int, 2> ends{};
-};
-
-TEST_F(SendQueueTest, AnAlertHasLeftWhenItIsPushedWhereNothingHoldsItUp) {
-  const OutputPipe output;
-  Open("-", noLimit);
-  for (const std::string& event : Events(1000)) {
-    queue->Push(event);
-    ASSERT_EQ(output.Take(), event + "\n");
-  }
-  EXPECT_TRUE(queue->Drain(generous));
-  EXPECT_EQ(queue->Accepted(), 1000U);
-  EXPECT_THAT(RestOfLog(), ElementsAre());
-}
-
-TEST_F(SendQueueTest, AnAlertThatMeetsAFullPipeFollowsWhatIsBeforeItAndNothingIsSplit) {
-  const OutputPipe output;
-  Open("-", noLimit);
-  const std::vector<std::string> events = Events(100, 2000);  // more than a pipe holds
-  Push(events);
-  queue->Push("finding", SendQueue::Lane::Findings);
-  std::string text;
-  while (text.size() < Lines(events).size() + 8) {
-    text += output.Take();
-  }
-  EXPECT_EQ(text, Lines(events) + "finding\n");
-  queue->Push("behind");
-  EXPECT_TRUE(queue->Drain(generous));
-  EXPECT_EQ(output.Take(), "behind\n");
-}
-
-TEST_F(SendQueueTest, Fault13TheLimitHoldsForAlertsThatCouldLeaveAtOnce) {
-  const OutputPipe output;
-  Open("-", 2);
-  Push(Events(3));
-  EXPECT_THAT(log.Next(), testing::HasSubstr("the limit of events a minute is reached; 1 or more wait"));
-  EXPECT_EQ(output.Take(), Lines(Events(2)));
-  EXPECT_TRUE(queue->Drain(generous));
-  EXPECT_EQ(output.Take(), "event 2\n");
-}
-
-TEST_F(SendQueueTest, AlertsOfManyThreadsLeaveAPipeInTheOrderOfEachThread) {
-  constexpr std::size_t threadCount = 4;
-  const OutputPipe output;
-  Open("-", noLimit);
-  std::vector<std::thread> threads;
-  for (std::size_t thread = 0; thread < threadCount; ++thread) {
-    threads.emplace_back([this, thread] {
-      for (const std::string& event : Events(250)) {
-        queue->Push(std::to_string(thread) + " " + event);
-      }
-    });
-  }
-  std::vector<std::string> expected(threadCount);
-  std::size_t left = 0;
-  for (std::size_t thread = 0; thread < threadCount; ++thread) {
-    for (const std::string& event : Events(250)) {
-      expected[thread] += std::to_string(thread) + " " + event + "\n";
-    }
-    left += expected[thread].size();
-  }
-  std::string text;
-  while (text.size() < left) {
-    text += output.Take();
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  std::vector<std::string> found(threadCount);
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    found.at(static_cast<std::size_t>(line[0] - '0')) += line + "\n";
-  }
-  EXPECT_EQ(found, expected);
 }
 
 TEST_F(SendQueueTest, AQueueEndsWhateverItsSinkDoes) {
