@@ -1,6 +1,5 @@
 #include "collector/user_info_collector.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <ctime>
 #include <fstream>
@@ -67,33 +66,18 @@ class DroppedRecords {
   Records::iterator last;
 };
 
-bool AnyNameIsRepeated(const Records& users) {
-  std::vector<const std::string*> names;
-  names.reserve(users.size());
-  for (const PasswdInfo& info : users) {
-    names.push_back(&info.userName);
-  }
-  std::sort(names.begin(), names.end(),
-            [](const std::string* left, const std::string* right) { return *left < *right; });
-  return std::adjacent_find(names.begin(), names.end(),
-                            [](const std::string* left, const std::string* right) {
-                              return *left == *right;
-                            }) != names.end();
-}
-
 // One pass that moves each survivor once. Erasing every repeat where it stands would move the whole tail each
 // time: seconds for a file that repeats a name a hundred thousand times.
-//
-// Hardly any file repeats a name. To find that out takes a sort, and no memory for every name.
 void RemoveRepeatedNames(Records& users) {
-  if (!AnyNameIsRepeated(users)) {
-    return;
-  }
   std::set<std::string> seen;
   DroppedRecords dropped(users);
   while (!dropped.ReachEnd()) {
     const std::string& name = dropped.Next().userName;
-    if (seen.insert(name).second) {
+    // Behind the last one is where a name belongs in a file that is sorted, as many large ones are.
+    const bool isLast = seen.empty() || *seen.rbegin() < name;
+    const auto place = isLast ? seen.end() : seen.lower_bound(name);
+    if (place == seen.end() || *place != name) {
+      seen.insert(place, name);
       dropped.KeepNext();
     } else {
       LoggerWriteLog(ORVAK_AGENT_LOG_DIAGNOSTIC, 0, failureLevel, sourceName, repeatedNameLine, 0,
