@@ -1,8 +1,6 @@
 #include "agent/spare_memory.h"
 
-#include <elf.h>
 #include <fcntl.h>
-#include <link.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -41,48 +39,9 @@ std::size_t ResidentAnonymousMemory() {
 }
 #endif
 
-// The loader tells of addresses as numbers.
+// Addresses come as text.
 void* PointerTo(std::uintptr_t address) {
   return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
-}
-
-// Rare, and of 32-bit libraries only: the loader has then written into what nobody else writes to.
-bool HasRelocatedCode(const dl_phdr_info& object) {
-  for (unsigned number = 0; number < object.dlpi_phnum; ++number) {
-    if (object.dlpi_phdr[number].p_type != PT_DYNAMIC) {
-      continue;
-    }
-    const auto* entry =
-        static_cast<const ElfW(Dyn)*>(PointerTo(object.dlpi_addr + object.dlpi_phdr[number].p_vaddr));
-    for (; entry->d_tag != DT_NULL; ++entry) {
-      if (entry->d_tag == DT_TEXTREL || (entry->d_tag == DT_FLAGS && (entry->d_un.d_val & DF_TEXTREL) != 0)) {
-        return true;
-      }
-    }
-  }
-  return false;
-}
-
-// Of one loaded object the segments that nobody writes to: there, memory holds what the file does. Whole
-// pages only, as a page at the edge may belong to the next segment, too.
-int LetGoOfSegments(dl_phdr_info* object, std::size_t /*size*/, void* pageSize) {
-  if (HasRelocatedCode(*object)) {
-    return 0;
-  }
-  const std::uintptr_t page = *static_cast<const std::size_t*>(pageSize);
-  for (unsigned number = 0; number < object->dlpi_phnum; ++number) {
-    const ElfW(Phdr)& segment = object->dlpi_phdr[number];
-    if (segment.p_type != PT_LOAD || (segment.p_flags & PF_W) != 0) {
-      continue;
-    }
-    const std::uintptr_t start = object->dlpi_addr + segment.p_vaddr;
-    const std::uintptr_t firstPage = (start + page - 1) / page * page;
-    const std::uintptr_t endOfLast = (start + segment.p_memsz) / page * page;
-    if (firstPage < endOfLast) {
-      madvise(PointerTo(firstPage), endOfLast - firstPage, MADV_DONTNEED);
-    }
-  }
-  return 0;
 }
 
 }  // namespace
@@ -106,7 +65,33 @@ void GiveBackFreedMemory([[maybe_unused]] std::size_t worthwhile) {
 #endif
 }
 
+// A mapping that holds anything but what its file does (relocated or patched code, a breakpoint, code that
+// was moved to larger pages) is left alone: that could not come back.
 void LetGoOfFilePages() {
-  std::size_t page = PageSize();
-  dl_iterate_phdr(LetGoOfSegments, &page);
+  std::FILE* const maps = std::fopen("/proc/self/smaps", "re");
+  if (maps == nullptr) {
+    return;
+  }
+  char line[512];
+  std::uintptr_t start = 0;
+  std::uintptr_t end = 0;
+  bool ofFile = false;
+  while (std::fgets(line, sizeof(line), maps) != nullptr) {
+    std::uintmax_t first = 0;
+    std::uintmax_t behind = 0;
+    char rights[5] = "";
+    char path = '\0';
+    unsigned long kilobytes = 1;
+    if (std::sscanf(line, "%jx-%jx %4s %*x %*x:%*x %*u %c", &first, &behind, rights, &path) >= 3) {
+      start = static_cast<std::uintptr_t>(first);
+      end = static_cast<std::uintptr_t>(behind);
+      ofFile = rights[1] != 'w' && rights[3] == 'p' && path == '/';
+    } else if (ofFile && std::sscanf(line, "Anonymous: %lu kB", &kilobytes) == 1) {
+      if (kilobytes == 0) {
+        madvise(PointerTo(start), end - start, MADV_DONTNEED);
+      }
+      ofFile = false;
+    }
+  }
+  std::fclose(maps);
 }

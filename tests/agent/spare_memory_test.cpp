@@ -1,6 +1,7 @@
 #include "agent/spare_memory.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -169,6 +170,22 @@ TEST_F(LetGoOfFilePagesTest, LetsGoOfConstantsThatCanBeReadAgain) {
   const volatile char* const start = constants.data();
   EXPECT_EQ(start[0], 'a');
   EXPECT_EQ(start[1], 'b');
+}
+
+// As a debugger leaves code behind, and whatever moves code to larger pages.
+TEST_F(LetGoOfFilePagesTest, LeavesWhatDiffersFromItsFileThoughNobodyMayWriteIt) {
+  const int file = memfd_create("code", MFD_CLOEXEC);
+  ASSERT_EQ(ftruncate(file, static_cast<off_t>(PageSize())), 0);
+  void* const mapped = mmap(nullptr, PageSize(), PROT_READ | PROT_WRITE, MAP_PRIVATE, file, 0);
+  ASSERT_NE(mapped, MAP_FAILED);
+  close(file);
+  *static_cast<char*>(mapped) = 'p';
+  ASSERT_EQ(mprotect(mapped, PageSize(), PROT_READ | PROT_EXEC), 0);
+
+  LetGoOfFilePages();
+
+  EXPECT_EQ(*static_cast<const volatile char*>(mapped), 'p');
+  munmap(mapped, PageSize());
 }
 
 TEST_F(LetGoOfFilePagesTest, LeavesWhatWasWrittenAndRelocated) {
