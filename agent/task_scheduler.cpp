@@ -95,7 +95,7 @@ unsigned TaskScheduler::Register(utils::thread::TASKTYPE type, const utils::thre
 void TaskScheduler::Launch(unsigned id, std::chrono::milliseconds after) {
   {
     std::lock_guard<std::mutex> lock(mutex);
-    table.Launch(id, Now() + after);
+    table.Launch(id, Now() + after, after > std::chrono::milliseconds::zero());
   }
   if (volunteerOf != this) {
     changed.notify_one();
@@ -137,7 +137,7 @@ void TaskScheduler::RunDue() {
   const TaskTable::Time began =
       Now();  // what becomes due during a run is not this call's: it comes to an end
   while (MayRunLocked()) {
-    const unsigned id = table.Begin(began);
+    const unsigned id = table.Begin(began, true);
     if (id == 0) {
       break;
     }
@@ -145,7 +145,7 @@ void TaskScheduler::RunDue() {
   }
   // A run that failed or was put off is due again before the workers look; a launch may still be there.
   const auto due = table.NextDue();
-  if (due && *due < workersWaitUntil) {
+  if (due && (mostAtOnce > 1 || *due < workersWaitUntil)) {
     changed.notify_all();
   }
 }

@@ -50,7 +50,8 @@ class TaskScheduler {
   // 0 when there is no function to call.
   unsigned Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
                     void* (*function)(void*), void* arg, const std::string& name);
-  // `after` is how long the run may wait for others, from this launch or the first one that waits.
+  // `after` is how long the run may wait for others, from this launch or the first one that waits. If it may,
+  // it is the workers' to run.
   void Launch(unsigned id, std::chrono::milliseconds after = std::chrono::milliseconds::zero());
   std::size_t LaunchAll();  // how many tasks there are
 

@@ -47,7 +47,7 @@ unsigned TaskTable::Register(utils::thread::TASKTYPE type, const utils::thread::
   return id;
 }
 
-void TaskTable::Launch(unsigned id, Time due) {
+void TaskTable::Launch(unsigned id, Time due, bool mayWait) {
   const auto found = tasks.find(id);
   if (found == tasks.end() || found->second.paused) {
     return;
@@ -56,6 +56,7 @@ void TaskTable::Launch(unsigned id, Time due) {
   if (task.running) {
     task.launchedWhileRunning = true;
   } else {
+    task.mayWait = mayWait && (task.mayWait || !task.due || due < *task.due);
     task.due = Earlier(task.due, due);
   }
 }
@@ -98,10 +99,13 @@ std::optional<TaskTable::Time> TaskTable::NextDue() const {
   return next;
 }
 
-unsigned TaskTable::Begin(Time now) {
+unsigned TaskTable::Begin(Time now, bool butWhatMayWait) {
   unsigned first = 0;
   std::optional<Time> firstDue;
   for (const auto& [id, task] : tasks) {
+    if (butWhatMayWait && task.mayWait) {
+      continue;
+    }
     if (task.due && !task.running && *task.due <= now && (!firstDue || *task.due <= *firstDue)) {
       first = id;
       firstDue = task.due;
@@ -111,6 +115,7 @@ unsigned TaskTable::Begin(Time now) {
     Task& task = tasks.at(first);
     task.running = true;
     task.launchedWhileRunning = false;
+    task.mayWait = false;
     task.due.reset();
   }
   return first;

@@ -39,6 +39,7 @@ class TaskTable {
     std::chrono::milliseconds retryWait{0};
     bool running = false;
     bool launchedWhileRunning = false;
+    bool mayWait = false;
     bool paused = false;
     bool gone = false;  // unregistered while it ran; forgotten when that run ends
   };
@@ -46,7 +47,8 @@ class TaskTable {
   // 0 when there is no function to call.
   unsigned Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
                     void* (*function)(void*), void* arg, const std::string& name, Time now);
-  void Launch(unsigned id, Time due);
+  // mayWait: a volunteer leaves the run to the workers, until a launch comes that may not wait.
+  void Launch(unsigned id, Time due, bool mayWait = false);
   std::size_t LaunchAll(Time now);  // how many there are
   void Pause(unsigned id);
   void Unregister(unsigned id);
@@ -56,8 +58,8 @@ class TaskTable {
 
   // The id of the task that is due first, which counts as running from now on; 0 when none is. Of several due
   // at the same moment the one that was registered last: the module's, which is registered anew at each
-  // start.
-  unsigned Begin(Time now);
+  // start. butWhatMayWait: none that was launched so.
+  unsigned Begin(Time now, bool butWhatMayWait = false);
 
   enum class Outcome {
     Done,

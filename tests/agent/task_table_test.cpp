@@ -174,6 +174,26 @@ TEST_F(TaskTableTest, ALaunchThatMayWaitIsOneRunWithTheNextAndNoLaterThanTheFirs
   EXPECT_THAT(Starts(1000), ElementsAre(10));
 }
 
+TEST_F(TaskTableTest, WhatMayWaitIsLeftAloneByWhoeverAsksForTheRest) {
+  const unsigned waiting = OnLaunch();
+  const unsigned other = OnLaunch();
+  table.Launch(waiting, At(10), true);
+  table.Launch(other, At(12));
+  EXPECT_EQ(table.Begin(At(20), true), other);
+  EXPECT_EQ(table.Begin(At(20), true), 0u);
+  EXPECT_EQ(table.Begin(At(20)), waiting) << "it is due all the same";
+  table.End(waiting, TaskTable::Outcome::Done, At(20), At(20));
+
+  table.Launch(waiting, At(40), true);
+  table.Launch(waiting, At(30));
+  EXPECT_EQ(table.Begin(At(30), true), waiting) << "a launch that may not wait counts";
+  table.End(waiting, TaskTable::Outcome::Done, At(30), At(30));
+
+  table.Launch(waiting, At(50));
+  table.Launch(waiting, At(60), true);
+  EXPECT_EQ(table.Begin(At(50), true), waiting) << "and one that may does not undo it";
+}
+
 TEST_F(TaskTableTest, Fault03ALaunchOfNobodyIsIgnored) {
   const unsigned id = OnLaunch();
   table.Launch(0, At(1));

@@ -119,7 +119,7 @@ struct HostUnderTest::Parts {
   EventSink sink{reader.Path()};
   SendQueue queue{sink, logger, noEventLimit};
   TaskScheduler scheduler{workerCount, logger};
-  FileMonitor monitor{logger};
+  FileMonitor monitor{logger, FileMonitor::defaultIdentityInterval, &scheduler};
   InstalledServices services{logger, queue, scheduler, monitor};
 };
 
