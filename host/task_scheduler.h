@@ -36,7 +36,7 @@ static_assert(sizeof(bool) == 1, "the switch is one byte wide");
 }  // namespace utils
 
 // Registers a task; returns its identifier, or 0 when it was refused. The scheduler calls function(arg) on a
-// thread of its own, never twice at the same time for one task.
+// thread of the agent's, which may be the file monitor's but is none that waits in the module, never twice at the same time for one task.
 //
 // Thread use: any thread. name is copied.
 unsigned UtilsRegisterTask(utils::thread::TASKTYPE type, utils::thread::TASK_CONDITION condition,

@@ -110,12 +110,12 @@ bool ReadPasswd(std::vector<PasswdInfo>& users, const Services& services) {
 void RemoveRepeatedNames(std::vector<PasswdInfo>& users) {
   std::set<std::string> seen;
   std::vector<PasswdInfo> kept;
+  kept.reserve(users.size());
   for (PasswdInfo& info : users) {
-    if (seen.find(info.userName) != seen.end()) {
+    if (!seen.insert(info.userName).second) {
       LoggerWriteLog(ORVAK_AGENT_LOG_DIAGNOSTIC, 0, 2, "user_info_collector.cpp", 67, 0,
                      "The user name of /etc/passwd is repeated.[name=%s]", info.userName.c_str());
     } else {
-      seen.insert(info.userName);
       kept.push_back(std::move(info));
     }
   }
@@ -123,10 +123,7 @@ void RemoveRepeatedNames(std::vector<PasswdInfo>& users) {
 }
 
 void Detector::Detect(const std::vector<PasswdInfo>& users) {
-  std::set<PasswdInfo> snapshot;
-  for (const PasswdInfo& info : users) {
-    snapshot.insert(info);
-  }
+  const std::set<PasswdInfo> snapshot(users.begin(), users.end());
   CmpUserInfo(snapshot);
 }
 

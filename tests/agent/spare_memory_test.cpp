@@ -147,7 +147,7 @@ TEST_F(AllocateFromOnePlaceTest, MakesThreadsAllocateWhereTheMainThreadDoes) {
   EXPECT_EXIT(TellWhetherAThreadAllocatesNearby(), testing::ExitedWithCode(0), "");
 }
 
-constexpr std::size_t constantPages = 64;
+constexpr std::size_t constantPages = 256;
 const std::array<char, constantPages* smallestPage> constants = {'a', 'b'};
 std::array<int, 2 * smallestPage> variables = {1, 2, 3};
 
