@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <optional>
@@ -11,9 +12,9 @@
 #include <vector>
 
 #include "agent/account_file.h"
+#include "agent/event_queue.h"
 #include "agent/file_monitor.h"
 #include "agent/logger.h"
-#include "agent/send_queue.h"
 #include "agent/task_scheduler.h"
 #include "agent/uncovered_accounts.h"
 #include "host/json.h"
@@ -71,6 +72,16 @@ std::optional<std::string> ReadWhole(const std::string& path) {
   }
 }
 
+std::size_t CountLines(const std::string& content) {
+  std::size_t count = 0;
+  for (std::size_t start = 0; start < content.size();) {
+    const std::size_t end = std::min(content.find('\n', start), content.size());
+    count += end > start ? 1 : 0;
+    start = end + 1;
+  }
+  return count;
+}
+
 std::string EventOf(const UncoveredAccount& account) {
   std::string time;
   UtilsGetUtcTime(time);
@@ -92,12 +103,14 @@ std::string EventOf(const UncoveredAccount& account) {
 }  // namespace
 
 CrossCheck::CrossCheck(const std::string& accountFile, TaskScheduler& taskScheduler, FileMonitor& fileMonitor,
-                       SendQueue& sendQueue, Logger& checkLogger)
+                       EventQueue& eventQueue, Logger& checkLogger,
+                       std::function<void(std::size_t lines)> whenRead)
     : path(accountFile),
       scheduler(taskScheduler),
       monitor(fileMonitor),
-      queue(sendQueue),
-      logger(checkLogger) {
+      queue(eventQueue),
+      logger(checkLogger),
+      tellRead(std::move(whenRead)) {
   utils::thread::TASK_CONDITION condition = utils::thread::TASK_CONDITION();
   condition.startDelayMs = firstReadingMs;
   condition.intervalMs = readingIntervalMs;
@@ -152,7 +165,7 @@ void CrossCheck::Read() {
       *content,
       [&](const UncoveredAccount& account) {
         if (found.insert(account.userName).second && standing.count(account.userName) == 0) {
-          queue.Push(EventOf(account), SendQueue::Lane::Findings);
+          queue.Push(EventOf(account), EventQueue::Lane::Findings);
         }
         all = found.size() < mostAccounts;
         return all;
@@ -163,4 +176,7 @@ void CrossCheck::Read() {
                  "; there may be more");
   }
   standing.swap(found);
+  if (tellRead) {
+    tellRead(CountLines(*content));
+  }
 }

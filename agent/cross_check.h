@@ -2,14 +2,16 @@
 #define VELTA_AGENT_CROSS_CHECK_H
 
 #include <atomic>
+#include <cstddef>
+#include <functional>
 #include <set>
 #include <string>
 
 #include "host/file_monitor.h"
 
+class EventQueue;
 class FileMonitor;
 class Logger;
-class SendQueue;
 class TaskScheduler;
 
 // Reports what the module cannot: accounts with user ID 0 that the C library honours, on lines that the
@@ -24,8 +26,10 @@ class TaskScheduler;
 // task or the watch is not to be had.
 class CrossCheck {
  public:
+  // whenRead is told after each reading how many lines that are not empty the file has.
   CrossCheck(const std::string& accountFile, TaskScheduler& taskScheduler, FileMonitor& fileMonitor,
-             SendQueue& sendQueue, Logger& checkLogger);
+             EventQueue& eventQueue, Logger& checkLogger,
+             std::function<void(std::size_t lines)> whenRead = nullptr);
   ~CrossCheck();
   CrossCheck(const CrossCheck&) = delete;
   CrossCheck& operator=(const CrossCheck&) = delete;
@@ -40,8 +44,9 @@ class CrossCheck {
   const std::string path;
   TaskScheduler& scheduler;
   FileMonitor& monitor;
-  SendQueue& queue;
+  EventQueue& queue;
   Logger& logger;
+  const std::function<void(std::size_t lines)> tellRead;
   std::atomic<bool> ending{false};  // a reading that runs need not be finished
   std::atomic<bool> enabled{false};
   unsigned taskId = 0;

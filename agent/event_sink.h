@@ -5,34 +5,29 @@
 #include <cstddef>
 #include <string>
 
-// Where events leave the agent: standard output, or a file or FIFO that it opens for appending (mode 0640)
-// and opens again when it was rotated, removed or lost its reader.
+#include "agent/event_output.h"
+
+// Events as lines: on standard output, or in a file or FIFO that it opens for appending (mode 0640) and opens
+// again when it was rotated, removed or lost its reader.
 //
 // Only whole records leave: one that got through half is finished first, taken back, or written again on a
-// line of its own, and never joined to the next. An event that did not get through stays the caller's, who
-// tries the same one again.
+// line of its own, and never joined to the next.
 //
 // Thread use: one thread at a time.
-class EventSink {
+class EventSink : public EventOutput {
  public:
-  enum class Outcome {
-    Delivered,
-    Blocked,  // the reader is slow: the patience ran out; try again at once
-    Failed,   // Error says why; try again later
-  };
-
   // path "-" is standard output. Throws std::runtime_error, naming the path, when it can never work; a FIFO
   // without a reader yet is no failure.
   explicit EventSink(const std::string& outputPath);
-  ~EventSink();
+  ~EventSink() override;
   EventSink(const EventSink&) = delete;
   EventSink& operator=(const EventSink&) = delete;
 
-  // Writes the event and a newline; waits for a slow reader no longer than patience.
-  Outcome Write(const std::string& event, std::chrono::milliseconds patience);
+  // Writes the event and a newline.
+  Outcome Write(const std::string& event, std::chrono::milliseconds patience) override;
 
-  const std::string& Error() const { return error; }
-  const std::string& Name() const { return name; }
+  const std::string& Error() const override { return error; }
+  const std::string& Name() const override { return name; }
 
  private:
   bool IsStandardOutput() const { return path.empty(); }

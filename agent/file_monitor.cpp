@@ -100,6 +100,11 @@ void FileMonitor::Remove(const FileWatchRule& rule) {
   lock.unlock();
 }
 
+FileMonitor::State FileMonitor::Look() const {
+  std::lock_guard<std::mutex> lock(mutex);
+  return {table.Watches(), table.Polls(), rounds};
+}
+
 void FileMonitor::Wake() const {
   const std::uint64_t one = 1;
   // Fails only when the counter is full, and then the thread is awake anyway.
@@ -119,6 +124,7 @@ void FileMonitor::Work() {
     lock.unlock();
     const int ready = poll(descriptors, std::size(descriptors), timeout);
     lock.lock();
+    ++rounds;
     const Time now = Time::clock::now();
     bool reported = false;
     try {

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -56,6 +57,14 @@ class FileMonitor {
   // is called from; the monitor's copy of the rule is gone by then. Harmless for a rule that is not known.
   void Remove(const FileWatchRule& rule);
 
+  struct State {
+    std::size_t watches;   // that the kernel holds for the rules
+    bool polls;            // at least one rule, as a watch was refused
+    std::uint64_t rounds;  // that the thread has made; a thread that lives makes one after Wake
+  };
+  State Look() const;
+  void Wake() const;
+
  private:
   using Time = WatchTable::Time;
 
@@ -80,17 +89,17 @@ class FileMonitor {
   void HandleEventsLocked(Time now);
   bool ReportNextLocked(std::unique_lock<std::mutex>& lock, Time now);
   int WaitTimeoutLocked(Time now) const;
-  void Wake() const;
 
   Logger& logger;
   TaskScheduler* const scheduler;
   int wakeDescriptor = -1;
   int mountsDescriptor = -1;
 
-  std::mutex mutex;  // guards everything below it but the thread
+  mutable std::mutex mutex;  // guards everything below it but the thread
   std::condition_variable callbackEnded;
   Kernel kernel;
   WatchTable table;
+  std::uint64_t rounds = 0;
   unsigned reporting = 0;  // the rule whose callback runs
   bool stopping = false;
   std::thread thread;

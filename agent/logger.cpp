@@ -190,10 +190,24 @@ Logger::Logger(LogLevel threshold, int descriptor)
 Logger::~Logger() = default;
 
 void Logger::Write(LogLevel level, const std::string& text) {
+  if (level == LogLevel::Error) {
+    Keep(text);
+  }
   try {
     backend->Write(level, text);
   } catch (...) {  // no memory for the record: whoever logs goes on without it
   }
+}
+
+void Logger::Keep(const std::string& text) {
+  const std::lock_guard<std::mutex> lock(keptMutex);
+  keptAt = std::time(nullptr);
+  keptSize = text.copy(kept, sizeof(kept));
+}
+
+Logger::Trouble Logger::LastError() const {
+  const std::lock_guard<std::mutex> lock(keptMutex);
+  return {keptAt, std::string(kept, keptSize)};
 }
 
 // Parts are short enough to fit a record even when each of their characters becomes two.

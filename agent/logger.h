@@ -3,7 +3,9 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <ctime>
 #include <memory>
+#include <mutex>
 #include <string>
 
 enum class LogLevel { Debug, Info, Warning, Error, Off };
@@ -19,6 +21,7 @@ enum class LogLevel { Debug, Info, Warning, Error, Off };
 class Logger {
  public:
   static constexpr std::size_t longestText = 2048;
+  static constexpr std::size_t longestKept = 512;
 
   explicit Logger(LogLevel threshold, int descriptor = 2);
   ~Logger();
@@ -31,6 +34,14 @@ class Logger {
   void Error(const std::string& text) { Write(LogLevel::Error, text); }
   void Write(LogLevel level, const std::string& text);
 
+  // The last record of level Error, whether or not it was written; when is 0 while there is none. The text is
+  // as it was logged, but no longer than longestKept.
+  struct Trouble {
+    std::time_t when = 0;
+    std::string text;
+  };
+  Trouble LastError() const;
+
   // "what: text", or as many records "what, part 1 of 3: ..." as it takes to write all of the text.
   void WarningInParts(const std::string& what, const std::string& text) {
     WriteInParts(LogLevel::Warning, what, text);
@@ -41,6 +52,12 @@ class Logger {
 
  private:
   void WriteInParts(LogLevel level, const std::string& what, const std::string& text);
+  void Keep(const std::string& text);
+
+  mutable std::mutex keptMutex;  // guards what follows, down to the backend
+  std::time_t keptAt = 0;
+  std::size_t keptSize = 0;
+  char kept[longestKept] = {};  // without memory to ask for, which may be what is short
 
   class Backend;
   std::unique_ptr<Backend> backend;

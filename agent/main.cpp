@@ -2,12 +2,16 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <exception>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <optional>
@@ -15,9 +19,14 @@
 #include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "agent/account_file.h"
+#include "agent/agent_status.h"
 #include "agent/cross_check.h"
+#include "agent/deliveries.h"
+#include "agent/event_output.h"
+#include "agent/event_queue.h"
 #include "agent/event_sink.h"
 #include "agent/file_monitor.h"
 #include "agent/json.h"
@@ -25,10 +34,12 @@
 #include "agent/module_loader.h"
 #include "agent/options.h"
 #include "agent/policy.h"
+#include "agent/reporter.h"
 #include "agent/safe_text.h"
-#include "agent/send_queue.h"
 #include "agent/services.h"
 #include "agent/spare_memory.h"
+#include "agent/status_report.h"
+#include "agent/syslog_sink.h"
 #include "agent/task_scheduler.h"
 #include "host/string_process.h"
 
@@ -38,6 +49,7 @@ namespace {
 // from each other, and the module would take that for a missing file.
 constexpr unsigned workerCount = 1;
 constexpr std::chrono::milliseconds drainPatience{3000};
+constexpr int stateChanged = SIGUSR1;  // to the control thread: somebody may want to know
 
 // A step that cannot be done, with the code to end with.
 class Failure : public std::runtime_error {
@@ -76,7 +88,8 @@ void OccupyStandardDescriptors(const Options& options) {
     if (fcntl(descriptor, F_GETFD) >= 0) {
       continue;
     }
-    if (descriptor == STDOUT_FILENO && options.outputPath == "-") {
+    const bool used = std::find(options.outputs.begin(), options.outputs.end(), "-") != options.outputs.end();
+    if (descriptor == STDOUT_FILENO && used) {
       throw Failure(EXIT_OUTPUT, "standard output is closed, and alerts are to go there; see --output");
     }
     const int opened = open("/dev/null", O_RDWR | O_NOCTTY);
@@ -98,7 +111,7 @@ void IgnoreWriteSignals() {
 sigset_t BlockSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int number : {SIGHUP, SIGTERM, SIGINT}) {
+  for (const int number : {SIGHUP, SIGTERM, SIGINT, stateChanged}) {
     signal(number, SIG_DFL);  // an ignored one, as nohup leaves it, might never arrive
     sigaddset(&signals, number);
   }
@@ -115,6 +128,7 @@ struct Watchers {
   const LoadedModule& module;
   CrossCheck* crossCheck;  // null: switched off
   TaskScheduler& scheduler;
+  Reporter& reporter;
 };
 
 // Starts the module with the policy and has the file read at once, so that standing accounts are reported now
@@ -124,13 +138,15 @@ void Start(const Watchers& watchers, const std::string& policy) {
     throw Failure(EXIT_MODULE, "the module refused the policy");
   }
   std::size_t tasksOfOurs = 0;
+  const bool detects = PolicyTurnsDetectionOn(policy);
   if (watchers.crossCheck != nullptr) {
-    watchers.crossCheck->Enable(PolicyTurnsDetectionOn(policy));
+    watchers.crossCheck->Enable(detects);
     tasksOfOurs = 1;
   }
   if (watchers.scheduler.LaunchAll() == tasksOfOurs) {
     throw Failure(EXIT_MODULE, "the module started without its task: nothing is being watched");
   }
+  watchers.reporter.TookPolicy(detects);
 }
 
 // A single reading that cannot be made is a failure; an agent that stays waits for the file.
@@ -173,18 +189,52 @@ void TidyUp() {
   GiveBackFreedMemory();
 }
 
+// The number of the next signal; 0 when `until` comes first, or for no reason at all.
+int NextSignal(const sigset_t& signals, std::optional<Beat::Time> until) {
+  if (!until) {
+    return std::max(sigwaitinfo(&signals, nullptr), 0);
+  }
+  const auto left =
+      std::max(std::chrono::nanoseconds::zero(),
+               std::chrono::duration_cast<std::chrono::nanoseconds>(*until - Beat::Time::clock::now()));
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+  timespec timeout = timespec();
+  timeout.tv_sec = static_cast<decltype(timeout.tv_sec)>(seconds.count());
+  timeout.tv_nsec = static_cast<decltype(timeout.tv_nsec)>((left - seconds).count());
+  return std::max(sigtimedwait(&signals, nullptr, &timeout), 0);
+}
+
 // Until a signal asks for the end.
 void Watch(const sigset_t& signals, const Watchers& watchers, const Options& options, std::string policy,
            Logger& logger) {
+  Reporter& reporter = watchers.reporter;
+  reporter.Ready();
   for (;;) {
-    int number = 0;
-    sigwait(&signals, &number);
-    if (number != SIGHUP) {
+    const int number = NextSignal(signals, reporter.NextDue());
+    if (number == SIGHUP) {
+      reporter.Reloading();
+      Reload(watchers, options, policy, logger);
+      reporter.Ready();
+    } else if (number == stateChanged) {
+      reporter.NoteChange();
+    } else if (number != 0) {
       logger.Info(std::string("stopping: ") + strsignal(number));
+      reporter.Stopping();
       return;
     }
-    Reload(watchers, options, policy, logger);
+    reporter.TellDue();
   }
+}
+
+std::vector<std::unique_ptr<EventOutput>> OpenOutputs(const Options& options) {
+  std::vector<std::unique_ptr<EventOutput>> outputs;
+  for (const std::string& path : options.outputs) {
+    outputs.push_back(std::make_unique<EventSink>(path));
+  }
+  if (options.syslog) {
+    outputs.push_back(std::make_unique<SyslogSink>(options.syslogSeverity, options.syslogFacility));
+  }
+  return outputs;
 }
 
 int CheckPolicy(const std::string& path) {
@@ -202,18 +252,36 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
 
   // Declaration order is lifetime: read it bottom-up to see the shutdown.
   Logger logger(options.logLevel);
-  EventSink sink = OrFail(EXIT_OUTPUT, [&] { return EventSink(options.outputPath); });
-  SendQueue queue = Started(
-      "send queue", [&] { return SendQueue(sink, logger, options.once ? 0 : options.eventsPerMinute); });
+  ReadingRecord readings;
+  // A single reading is over before anybody could ask how it is, and its signals are not waited for.
+  std::function<void()> noteChange;
+  if (!options.once) {
+    noteChange = [control = pthread_self()] { pthread_kill(control, stateChanged); };
+  }
+  std::vector<std::unique_ptr<EventOutput>> outputs =
+      OrFail(EXIT_OUTPUT, [&] { return OpenOutputs(options); });
+  Deliveries queue = Started("send queue", [&] {
+    return Deliveries(std::move(outputs), logger, options.once ? 0 : options.eventsPerMinute, noteChange);
+  });
   ReadingGate gate([&queue](const std::string& reason) {
-    queue.Push(UnreadableEvent(accountFilePath, reason), SendQueue::Lane::Findings);
+    queue.Push(UnreadableEvent(accountFilePath, reason), EventQueue::Lane::Findings);
   });
   // A single reading has seen its file already.
-  const TaskScheduler::Gate askGate = [&gate] {
-    return gate.Ask(accountFilePath, ReadingGate::Time::clock::now());
+  const TaskScheduler::Gate askGate = [&gate, &readings] {
+    const auto now = ReadingGate::Time::clock::now();
+    TaskScheduler::Permission permission = gate.Ask(accountFilePath, now);
+    readings.Asked(permission, now);
+    return permission;
+  };
+  const auto whenIdle = [&readings, &noteChange, &options] {
+    readings.Ended();
+    if (!options.once) {
+      TidyUp();
+      noteChange();
+    }
   };
   TaskScheduler scheduler = Started("task scheduler", [&] {
-    return TaskScheduler(workerCount, logger, options.once ? nullptr : askGate, TidyUp);
+    return TaskScheduler(workerCount, logger, options.once ? nullptr : askGate, whenIdle);
   });
   FileMonitor monitor =
       Started("file monitor", [&] { return FileMonitor(logger, options.identityInterval, &scheduler); });
@@ -227,8 +295,12 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   static_cast<void>(ConvertStrToNum("0", zero, 10));
   std::optional<CrossCheck> crossCheck;
   if (options.crossCheck) {
-    OrFail(EXIT_SYSTEM, [&] { crossCheck.emplace(accountFilePath, scheduler, monitor, queue, logger); });
+    OrFail(EXIT_SYSTEM, [&] {
+      crossCheck.emplace(accountFilePath, scheduler, monitor, queue, logger,
+                         [&readings](std::size_t lines) { readings.Counted(lines); });
+    });
   }
+  Reporter reporter({readings, monitor, queue, logger}, options.statusPath, options.policyPath);
   // Last: unloaded while everything that it calls still stands.
   const LoadedModule module = OrFail(EXIT_MODULE, [&] { return LoadedModule(modulePath); });
 
@@ -238,12 +310,12 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   bool completed = true;
   std::exception_ptr failure;
   try {
-    const Watchers watchers = {module, crossCheck ? &*crossCheck : nullptr, scheduler};
+    const Watchers watchers = {module, crossCheck ? &*crossCheck : nullptr, scheduler, reporter};
     Start(watchers, policy);
     if (options.once) {
       completed = scheduler.WaitUntilIdle();
     } else {
-      logger.Info("watching /etc/passwd; alerts go to " + sink.Name());
+      logger.Info("watching /etc/passwd; alerts go to " + queue.Names());
       Watch(signals, watchers, options, policy, logger);
     }
   } catch (...) {
@@ -265,8 +337,23 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   return options.once && queue.Accepted() > 0 ? EXIT_ALERTS : EXIT_DONE;
 }
 
+int TellStatus(const Options& options) {
+  const StatusReport report =
+      ReportStatus(options.statusPath.empty() ? defaultStatusPath : options.statusPath, options.json);
+  if (!report.errors.empty()) {
+    throw Failure(static_cast<ExitCode>(report.exitCode), report.errors);
+  }
+  if (std::fputs(report.output.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
+    throw Failure(EXIT_OUTPUT, std::string("standard output: ") + std::strerror(errno));
+  }
+  return report.exitCode;
+}
+
 int Run(const Options& options) {
   IgnoreWriteSignals();
+  if (options.status) {
+    return TellStatus(options);
+  }
   AllocateFromOnePlace();
   if (!options.checkPolicyPath.empty()) {
     return CheckPolicy(options.checkPolicyPath);

@@ -28,9 +28,17 @@ unsigned ShareOfFindings(unsigned eventsPerMinute) {
 
 }  // namespace
 
-SendQueue::SendQueue(EventSink& eventSink, Logger& queueLogger, unsigned eventsPerMinute)
-    : sink(eventSink),
+bool DeliveryState::LooksLike(const DeliveryState& other) const {
+  return output == other.output && condition == other.condition && sent == other.sent &&
+         waiting == other.waiting && deferred == other.deferred && lost == other.lost &&
+         lastError == other.lastError && lastErrorAt == other.lastErrorAt;
+}
+
+SendQueue::SendQueue(EventOutput& eventOutput, Logger& queueLogger, unsigned eventsPerMinute,
+                     std::function<void()> whenChanged)
+    : sink(eventOutput),
       logger(queueLogger),
+      reportChange(std::move(whenChanged)),
       lanes{Waiting(longestQueue, eventsPerMinute),
             Waiting(longestFindings, ShareOfFindings(eventsPerMinute))},
       thread([this] { Deliver(); }) {}
@@ -52,6 +60,7 @@ void SendQueue::Push(const std::string& event, Lane lane) noexcept {
       ++accepted;
     } else {
       waiting.lost.Add(event);  // told by the delivering thread
+      ++lost;
     }
   }
   changed.notify_one();
@@ -89,11 +98,41 @@ std::size_t SendQueue::Accepted() const {
   return accepted;
 }
 
-bool SendQueue::Drain(std::optional<milliseconds> patience) {
-  std::unique_lock<std::mutex> lock(mutex);
-  draining = true;
-  outputFailed = false;
+DeliveryState SendQueue::State() const {
+  std::lock_guard<std::mutex> lock(mutex);
+  return StateLocked();
+}
+
+DeliveryState SendQueue::StateLocked() const {
+  DeliveryState state;
+  state.output = sink.Name();
+  state.condition = condition;
+  state.sent = sent;
+  state.waiting = CountLocked();
+  for (const Waiting& lane : lanes) {
+    state.deferred += lane.deferring ? lane.events.size() : 0;
+  }
+  state.lost = lost;
+  state.lastError = lastError;
+  state.lastErrorAt = lastErrorAt;
+  if (writing) {
+    state.writingSince = writingSince;
+  }
+  return state;
+}
+
+void SendQueue::BeginDrain() {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    draining = true;
+    outputFailed = false;
+  }
   changed.notify_all();
+}
+
+bool SendQueue::Drain(std::optional<milliseconds> patience) {
+  BeginDrain();
+  std::unique_lock<std::mutex> lock(mutex);
   const auto isOver = [this, &patience] { return IsEmptyLocked() || (outputFailed && !patience); };
   if (patience) {
     delivered.wait_for(lock, *patience, isOver);
@@ -203,55 +242,121 @@ void SendQueue::TellDeferringLocked(std::unique_lock<std::mutex>& lock, Waiting&
   logger.Warning("send queue: the limit of events a minute is reached; " + std::to_string(waiting) +
                  " or more wait for the next minute");
   lock.lock();
+  ReportChangeLocked(lock);
 }
 
-void SendQueue::DeliverNextLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) {
-  const std::string& event = lane.events.front();  // stays where it is while others are pushed behind it
+EventOutput::Outcome SendQueue::AttemptLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) {
+  std::string& event = lane.events.front();  // stays where it is while others are pushed behind it
   begun = &lane;  // also if the attempt ends in an exception: the output may hold a part of the event by then
   writing = true;
+  writingSince = Now();
   lock.unlock();
-  const EventSink::Outcome outcome = sink.Write(event, sinkPatience);
+  const EventOutput::Outcome outcome = sink.Write(event, sinkPatience);
   lock.lock();
   writing = false;
-  begun = outcome == EventSink::Outcome::Blocked ? &lane : nullptr;
-  if (outcome == EventSink::Outcome::Delivered) {
-    lane.limit.Count(Now());
+  begun = outcome == EventOutput::Outcome::Blocked ? &lane : nullptr;
+  if (outcome == EventOutput::Outcome::Delivered || outcome == EventOutput::Outcome::Refused) {
     lane.bytes -= Waiting::Cost(event);
+    if (outcome == EventOutput::Outcome::Delivered) {
+      lane.limit.Count(Now());
+      ++sent;
+    } else {
+      refused = std::move(event);
+      ++lost;
+    }
     lane.events.pop_front();
     lane.deferring = lane.deferring && !lane.events.empty();
   }
-  outputFailed = outcome == EventSink::Outcome::Failed;
+  outputFailed = outcome == EventOutput::Outcome::Failed;
+  NoteConditionLocked(outcome);
   if (IsEmptyLocked() || outputFailed || abandoned) {
     delivered.notify_all();
   }
-  const std::size_t waiting = CountLocked();
-  const std::size_t lostSoFar = lanes[0].lost.Count() + lanes[1].lost.Count();
+  return outcome;
+}
+
+void SendQueue::NoteConditionLocked(EventOutput::Outcome outcome) {
+  switch (outcome) {
+    case EventOutput::Outcome::Delivered:
+      condition = DeliveryState::Condition::Takes;
+      break;
+    case EventOutput::Outcome::Blocked:
+      condition = DeliveryState::Condition::Blocked;
+      break;
+    case EventOutput::Outcome::Failed:
+      condition = DeliveryState::Condition::Fails;
+      break;
+    case EventOutput::Outcome::Refused:
+      break;
+  }
+}
+
+void SendQueue::DeliverNextLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) {
+  const News news = NewsLocked(AttemptLocked(lock, lane));
   lock.unlock();
-  NoteOutcome(outcome, waiting, lostSoFar);
+  Tell(news);
   lock.lock();
+  ReportChangeLocked(lock);
   if (outputFailed && !stopping) {
     changed.wait_for(lock, draining ? drainRetryInterval : retryInterval);
   }
 }
 
-// One warning when delivery stops, one notice when it goes on. Without the lock: whoever pushes an event must
-// not wait for the log.
-void SendQueue::NoteOutcome(EventSink::Outcome outcome, std::size_t waiting, std::size_t lostSoFar) {
-  const bool failed = outcome != EventSink::Outcome::Delivered;
-  if (failed && !failing) {
-    const std::string reason =
-        outcome == EventSink::Outcome::Blocked ? sink.Name() + " is not being read" : sink.Error();
-    logger.Warning("send queue: " + reason + "; events are kept and tried again");
+// One warning when delivery stops, one notice when it goes on.
+SendQueue::News SendQueue::NewsLocked(EventOutput::Outcome outcome) {
+  News news;
+  news.waiting = CountLocked();
+  const bool failed = outcome == EventOutput::Outcome::Failed || outcome == EventOutput::Outcome::Blocked;
+  if (outcome == EventOutput::Outcome::Failed || outcome == EventOutput::Outcome::Refused) {
+    news.reason = sink.Error();
+  } else if (failed) {
+    news.reason = sink.Name() + " is not being read";
   }
-  if (!failed && failing) {
-    logger.Info("send queue: " + sink.Name() + " takes events again; " + std::to_string(waiting) +
+  if (!news.reason.empty() && (news.reason != lastError || !failing)) {
+    lastError = news.reason;
+    lastErrorAt = std::time(nullptr);
+  }
+  if (outcome == EventOutput::Outcome::Refused) {
+    news.refused = std::exchange(refused, std::string());
+    return news;
+  }
+  news.stopped = failed && !failing ? news.reason : "";
+  news.resumed = !failed && failing;
+  failing = failed;
+  news.losing = lanes[0].lost.Count() + lanes[1].lost.Count() > 0 && !lossTold;
+  lossTold = lossTold || news.losing;
+  return news;
+}
+
+// Without the lock: whoever pushes an event must not wait for the log.
+void SendQueue::Tell(const News& news) {
+  if (!news.refused.empty()) {
+    logger.ErrorInParts("send queue: " + news.reason + "; it is left to the log", news.refused);
+  }
+  if (!news.stopped.empty()) {
+    logger.Warning("send queue: " + news.stopped + "; events are kept and tried again");
+  }
+  if (news.resumed) {
+    logger.Info("send queue: " + sink.Name() + " takes events again; " + std::to_string(news.waiting) +
                 " are still waiting");
   }
-  if (lostSoFar > 0 && !lossTold) {
-    logger.Error("send queue: full with " + std::to_string(waiting) + " events; more are being lost");
-    lossTold = true;
+  if (news.losing) {
+    logger.Error("send queue: full with " + std::to_string(news.waiting) + " events; more are being lost");
   }
-  failing = failed;
+}
+
+void SendQueue::ReportChangeLocked(std::unique_lock<std::mutex>& lock) {
+  if (!reportChange) {
+    return;
+  }
+  DeliveryState state = StateLocked();
+  if (state.LooksLike(reported)) {
+    return;
+  }
+  reported = std::move(state);
+  lock.unlock();
+  reportChange();
+  lock.lock();
 }
 
 void PushMinuteLimitEventToSendQueue(const std::string& event) {

@@ -5,17 +5,43 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <ctime>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
-#include "agent/event_sink.h"
+#include "agent/event_output.h"
+#include "agent/event_queue.h"
 #include "agent/lost_events.h"
 #include "agent/minute_limit.h"
 
 class Logger;
+
+// How far an output has got with its events.
+struct DeliveryState {
+  enum class Condition {
+    Untried,  // nothing has been sent yet
+    Takes,    // the last event got through
+    Blocked,  // nobody reads, or somebody slow
+    Fails,    // lastError says why
+  };
+
+  std::string output;
+  Condition condition = Condition::Untried;
+  std::size_t sent = 0;      // delivered so far
+  std::size_t waiting = 0;   // to be delivered
+  std::size_t deferred = 0;  // of these, what the limit has left to a later minute
+  std::size_t lost = 0;      // so far: no room, or refused by the output
+  std::string lastError;     // empty: none so far
+  std::time_t lastErrorAt = 0;
+  std::optional<std::chrono::steady_clock::time_point> writingSince;  // an attempt is being made
+
+  // Equal but for writingSince.
+  bool LooksLike(const DeliveryState& other) const;
+};
 
 // Holds events until they are delivered, in order, so many a minute at most. What exceeds the limit waits for
 // the next minutes: dropping it would let decoys that come first in the order hide the one that matters.
@@ -23,28 +49,34 @@ class Logger;
 // Memory is bounded: beyond longestQueue bytes of waiting events new ones are lost. As soon as half of that
 // is free again, one event is queued that says how many were lost and whom they named; see LostEvents.
 //
-// Thread use: Push, Accepted and Drain on any thread; delivery on a thread of its own. Construction throws
-// std::system_error when no thread is to be had. Nothing is delivered any more after a Drain that gave up.
-class SendQueue {
+// Thread use: Push, Accepted and Drain on any thread; delivery on a thread of its own. Construction
+// throws std::system_error when no thread is to be had. Nothing is delivered any more after a Drain that gave
+// up.
+class SendQueue : public EventQueue {
  public:
-  enum class Lane { Alerts, Findings };
-
   static constexpr std::size_t longestQueue = std::size_t{64} << 20;  // bytes, of alerts
   static constexpr std::size_t longestFindings = std::size_t{8} << 20;
 
-  // 0 events a minute: no limit.
-  SendQueue(EventSink& eventSink, Logger& queueLogger, unsigned eventsPerMinute);
+  // 0 events a minute: no limit. whenChanged is called on the delivering thread after what it did has changed
+  // the state; it must not throw.
+  SendQueue(EventOutput& eventOutput, Logger& queueLogger, unsigned eventsPerMinute,
+            std::function<void()> whenChanged = nullptr);
 
   // Drops what has not been delivered; Drain comes before.
-  ~SendQueue();
+  ~SendQueue() override;
   SendQueue(const SendQueue&) = delete;
   SendQueue& operator=(const SendQueue&) = delete;
 
-  // Never blocks for the sink and never throws: it is called with the detector's lock held.
-  void Push(const std::string& event, Lane lane = Lane::Alerts) noexcept;
+  using EventQueue::Push;
+  void Push(const std::string& event, Lane lane) noexcept override;
 
   // How many events were taken so far, those about lost ones included.
   std::size_t Accepted() const;
+
+  DeliveryState State() const;
+
+  // The limit does not count any more: what waits is delivered as fast as it is taken. Drain comes after.
+  void BeginDrain();
 
   // Delivers what waits, without regard to the limit. Gives up after patience, if there is one; otherwise as
   // soon as the output fails, while a slow reader is waited for. True when nothing is left; what is left is
@@ -77,10 +109,28 @@ class SendQueue {
   void DeliverDueLocked(std::unique_lock<std::mutex>& lock);
   void TellDeferringLocked(std::unique_lock<std::mutex>& lock, Waiting& lane);
   void DeliverNextLocked(std::unique_lock<std::mutex>& lock, Waiting& lane);
-  void NoteOutcome(EventSink::Outcome outcome, std::size_t waiting, std::size_t lostSoFar);
+  EventOutput::Outcome AttemptLocked(std::unique_lock<std::mutex>& lock, Waiting& lane);
 
-  EventSink& sink;
+  void NoteConditionLocked(EventOutput::Outcome outcome);
+
+  // What an attempt has changed, for the log.
+  struct News {
+    std::string stopped;  // why delivery stops
+    std::string refused;  // the event that the output will never take
+    std::string reason;   // of the output
+    bool resumed = false;
+    bool losing = false;
+    std::size_t waiting = 0;
+  };
+  News NewsLocked(EventOutput::Outcome outcome);
+  void Tell(const News& news);
+
+  DeliveryState StateLocked() const;
+  void ReportChangeLocked(std::unique_lock<std::mutex>& lock);
+
+  EventOutput& sink;
   Logger& logger;
+  const std::function<void()> reportChange;
 
   mutable std::mutex mutex;  // guards what follows, down to the thread's own
   std::condition_variable changed;
@@ -89,14 +139,21 @@ class SendQueue {
   Waiting* begun = nullptr;      // the lane whose first event the output may hold a part of
   std::size_t accepted = 0;
   bool draining = false;
-  bool writing = false;    // an event is on its way to the sink
+  bool writing = false;  // an event is on its way to the sink
+  std::chrono::steady_clock::time_point writingSince;
   bool abandoned = false;  // what is left has been told: no more of it leaves
   bool stopping = false;
 
   bool outputFailed = false;  // at the last attempt
-
-  bool failing = false;  // the delivering thread's own, and the next
+  bool failing = false;       // as it was told
   bool lossTold = false;
+  std::string refused;  // by the last attempt
+  DeliveryState::Condition condition = DeliveryState::Condition::Untried;
+  std::size_t sent = 0;
+  std::size_t lost = 0;
+  std::string lastError;
+  std::time_t lastErrorAt = 0;
+  DeliveryState reported;
   std::thread thread;
 };
 

@@ -8,7 +8,7 @@ const InstalledServices* installed = nullptr;
 
 }  // namespace
 
-InstalledServices::InstalledServices(Logger& installedLogger, SendQueue& installedQueue,
+InstalledServices::InstalledServices(Logger& installedLogger, EventQueue& installedQueue,
                                      TaskScheduler& installedScheduler, FileMonitor& installedMonitor)
     : logger(installedLogger),
       queue(installedQueue),

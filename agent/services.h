@@ -1,9 +1,9 @@
 #ifndef VELTA_AGENT_SERVICES_H
 #define VELTA_AGENT_SERVICES_H
 
+class EventQueue;
 class FileMonitor;
 class Logger;
-class SendQueue;
 class TaskScheduler;
 
 // Where the functions of host/ find the agent's services. Installed by construction, withdrawn by
@@ -14,7 +14,7 @@ class TaskScheduler;
 // Thread use: made and destroyed on the control thread, while no module is loaded; Current on any thread.
 class InstalledServices {
  public:
-  InstalledServices(Logger& installedLogger, SendQueue& installedQueue, TaskScheduler& installedScheduler,
+  InstalledServices(Logger& installedLogger, EventQueue& installedQueue, TaskScheduler& installedScheduler,
                     FileMonitor& installedMonitor);
   ~InstalledServices();
   InstalledServices(const InstalledServices&) = delete;
@@ -23,7 +23,7 @@ class InstalledServices {
   static const InstalledServices& Current();
 
   Logger& logger;
-  SendQueue& queue;
+  EventQueue& queue;
   TaskScheduler& scheduler;
   FileMonitor& monitor;
 };

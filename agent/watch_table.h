@@ -90,6 +90,9 @@ class WatchTable {
   // When there will be something to do; nothing when that is up to the next event.
   std::optional<Time> NextDue() const;
 
+  std::size_t Watches() const { return uses.size(); }
+  bool Polls() const { return AnyPolled(); }
+
  private:
   struct Rule {
     std::string path;

@@ -44,7 +44,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   }
   const Options& options = commandLine.options;
   Check(commandLine.exitCode == EXIT_DONE, "it runs with an exit code");
-  Check(!options.outputPath.empty(), "an empty output was taken");
+  Check(options.syslog || !options.outputs.empty(), "events go nowhere");
+  for (const std::string& output : options.outputs) {
+    Check(!output.empty(), "an empty output was taken");
+  }
   Check(options.identityInterval.count() >= 0 && options.identityInterval.count() <= 3600000,
         "an interval beyond its range was taken");
   Check(options.logLevel >= LogLevel::Debug && options.logLevel <= LogLevel::Off, "no such log level");

@@ -15,6 +15,7 @@
 #include "agent/logger.h"
 #include "agent/send_queue.h"
 #include "agent/task_scheduler.h"
+#include "tests/support/event_record.h"
 #include "tests/support/line_reader.h"
 #include "tests/support/temporary_folder.h"
 
@@ -37,7 +38,9 @@ class CrossCheckTest : public testing::Test {
   // The next event, without its time.
   std::string Next() {
     static const std::regex time(R"("eventTime":"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d")");
-    return std::regex_replace(events.Next(soon), time, R"("eventTime":"TIME")");
+    const std::string event = events.Next(soon);
+    RecordEvent(event);
+    return std::regex_replace(event, time, R"("eventTime":"TIME")");
   }
 
   static std::string Event(const std::string& name, int line, const std::string& reason = "too few fields") {

@@ -45,10 +45,22 @@ std::string Text(const std::vector<std::string>& arguments) {
 // Every option in one line, so that a row of a table can be compared whole.
 std::string Text(const Options& options) {
   std::ostringstream text;
-  text << "policy '" << options.policyPath << "' module '" << options.modulePath << "' output '"
-       << options.outputPath << "' limit " << options.eventsPerMinute << " interval "
-       << options.identityInterval.count() << " level " << static_cast<int>(options.logLevel) << " once "
-       << options.once << " check '" << options.checkPolicyPath << "'";
+  text << "policy '" << options.policyPath << "' module '" << options.modulePath << "' output '";
+  for (const std::string& output : options.outputs) {
+    text << (&output == &options.outputs.front() ? "" : "' '") << output;
+  }
+  text << "' limit " << options.eventsPerMinute << " interval " << options.identityInterval.count()
+       << " level " << static_cast<int>(options.logLevel) << " once " << options.once << " check '"
+       << options.checkPolicyPath << "'";
+  return text.str();
+}
+
+// Those that came later, likewise.
+std::string MoreText(const Options& options) {
+  std::ostringstream text;
+  text << "outputs " << options.outputs.size() << " syslog " << options.syslog << " severity "
+       << options.syslogSeverity << " facility " << options.syslogFacility / 8 << " status " << options.status
+       << " json " << options.json << " file '" << options.statusPath << "'";
   return text.str();
 }
 
@@ -106,6 +118,52 @@ TEST(OptionsTest, EachOptionSetsItsOwnFieldOnly) {
   }
 }
 
+TEST(OptionsTest, EveryOutputThatIsGivenCountsOnceAndStandardOutputIsThereForWantOfAny) {
+  struct Row {
+    std::vector<std::string> arguments;
+    std::vector<std::string> outputs;
+  };
+  const std::vector<Row> rows = {
+      {{}, {"-"}},
+      {{"--output", "a", "--output", "b"}, {"a", "b"}},
+      {{"--output", "b", "--output=-", "--output", "b", "--output", "a"}, {"b", "-", "a"}},
+      {{"--syslog"}, {}},
+      {{"--syslog", "--output", "-"}, {"-"}},
+  };
+  for (const Row& row : rows) {
+    const Parsed parsed = Parse(row.arguments);
+    EXPECT_TRUE(parsed.commandLine.run) << parsed.errors;
+    EXPECT_EQ(parsed.commandLine.options.outputs, row.outputs) << Text(row.arguments);
+  }
+}
+
+TEST(OptionsTest, SyslogAndStatusHaveTheirOwnFields) {
+  struct Row {
+    std::vector<std::string> arguments;
+    std::string options;
+  };
+  // The numbers are those of the protocol, the same on every system.
+  const std::vector<Row> rows = {
+      {{}, "outputs 1 syslog 0 severity 1 facility 10 status 0 json 0 file ''"},
+      {{"--syslog"}, "outputs 0 syslog 1 severity 1 facility 10 status 0 json 0 file ''"},
+      {{"--syslog", "--syslog-severity", "crit", "--syslog-facility", "local7"},
+       "outputs 0 syslog 1 severity 2 facility 23 status 0 json 0 file ''"},
+      {{"--syslog-severity", "debug", "--syslog-severity", "err"},
+       "outputs 1 syslog 0 severity 3 facility 10 status 0 json 0 file ''"},
+      {{"--syslog-facility", "auth"}, "outputs 1 syslog 0 severity 1 facility 4 status 0 json 0 file ''"},
+      {{"--syslog-facility", "daemon"}, "outputs 1 syslog 0 severity 1 facility 3 status 0 json 0 file ''"},
+      {{"--status"}, "outputs 1 syslog 0 severity 1 facility 10 status 1 json 0 file ''"},
+      {{"--status", "--json", "--status-file", "s"},
+       "outputs 1 syslog 0 severity 1 facility 10 status 1 json 1 file 's'"},
+      {{"--status-file", "s"}, "outputs 1 syslog 0 severity 1 facility 10 status 0 json 0 file 's'"},
+  };
+  for (const Row& row : rows) {
+    const Parsed parsed = Parse(row.arguments);
+    EXPECT_TRUE(parsed.commandLine.run) << parsed.errors;
+    EXPECT_EQ(MoreText(parsed.commandLine.options), row.options) << Text(row.arguments);
+  }
+}
+
 TEST(OptionsTest, AMistakeIsNamedOnStandardErrorAndEndsWithTwo) {
   struct Row {
     std::vector<std::string> arguments;
@@ -145,6 +203,15 @@ TEST(OptionsTest, AMistakeIsNamedOnStandardErrorAndEndsWithTwo) {
       {{"--log-level", ""}, "--log-level"},
       {{"--log-level", "1"}, "--log-level"},
       {{"--once=maybe"}, "once"},
+      {{"--output", "a", "b"}, "b"},
+      {{"--output", "a", "--output", ""}, "--output"},
+      {{"--syslog=maybe"}, "syslog"},
+      {{"--syslog-severity", "loud"}, "--syslog-severity"},
+      {{"--syslog-severity", "7"}, "--syslog-severity"},
+      {{"--syslog-facility", "kern"}, "--syslog-facility"},
+      {{"--syslog-facility", ""}, "--syslog-facility"},
+      {{"--json"}, "--status"},
+      {{"--status-file", ""}, "--status-file"},
   };
   for (const Row& row : rows) {
     const Parsed parsed = Parse(row.arguments);
@@ -171,6 +238,13 @@ TEST(OptionsTest, TheHelpFitsOneScreenAndNamesEveryOptionAndExitCode) {
   for (const char* const word : {"--policy FILE",
                                  "--module FILE",
                                  "--output FILE|-",
+                                 "--syslog ",
+                                 "--syslog-severity NAME",
+                                 "--syslog-facility NAME",
+                                 "--status ",
+                                 "--json ",
+                                 "--status-file FILE",
+                                 "10 --status",
                                  "--limit N",
                                  "--check-interval MS",
                                  "--log-level LEVEL",

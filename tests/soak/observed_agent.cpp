@@ -18,6 +18,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tests/support/event_record.h"
+
 using std::chrono::milliseconds;
 
 namespace {
@@ -309,6 +311,7 @@ void ObservedAgent::TakeOutputFile(bool last) {
 
 void ObservedAgent::TakeLine(const std::string& line) {
   const SoakTime now = SoakTime::clock::now();
+  RecordEvent(line);
   if (IsFinding(line)) {
     return;
   }

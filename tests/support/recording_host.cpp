@@ -15,6 +15,7 @@
 #include "host/task_scheduler.h"
 #include "host/utc_time.h"
 #include "tests/support/allocation_failure.h"
+#include "tests/support/event_record.h"
 
 namespace {
 
@@ -207,6 +208,7 @@ void RemoveMonitor(const FileWatchRule& rule, MonitorType type) {
 
 void PushMinuteLimitEventToSendQueue(const std::string& event) {
   const AllocationPause pause;
+  RecordEvent(event);
   RecordingHost::Get().Record("push " + event);
 }
 

@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tests/support/event_record.h"
+
 namespace {
 
 class Pipe {
@@ -69,6 +71,7 @@ std::string UnreadableFor(const std::string& reason) {
 }
 
 std::string WithoutTime(const std::string& alert) {
+  RecordEvent(alert);
   static const std::regex time(R"("eventTime":"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d")");
   return std::regex_replace(alert, time, R"("eventTime":"TIME")");
 }

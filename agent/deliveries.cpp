@@ -1,0 +1,56 @@
+#include "agent/deliveries.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "agent/logger.h"
+
+using std::chrono::milliseconds;
+
+Deliveries::Deliveries(std::vector<std::unique_ptr<EventOutput>> outputs, Logger& logger,
+                       unsigned eventsPerMinute, const std::function<void()>& whenChanged) {
+  for (std::unique_ptr<EventOutput>& output : outputs) {
+    deliveries.push_back(std::make_unique<Delivery>(std::move(output), logger, eventsPerMinute, whenChanged));
+  }
+}
+
+void Deliveries::Push(const std::string& event, Lane lane) noexcept {
+  for (const std::unique_ptr<Delivery>& delivery : deliveries) {
+    delivery->queue.Push(event, lane);
+  }
+}
+
+std::size_t Deliveries::Accepted() const { return deliveries.front()->queue.Accepted(); }
+
+std::vector<DeliveryState> Deliveries::States() const {
+  std::vector<DeliveryState> states;
+  for (const std::unique_ptr<Delivery>& delivery : deliveries) {
+    states.push_back(delivery->queue.State());
+  }
+  return states;
+}
+
+bool Deliveries::Drain(std::optional<milliseconds> patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience.value_or(milliseconds::zero());
+  for (const std::unique_ptr<Delivery>& delivery : deliveries) {
+    delivery->queue.BeginDrain();
+  }
+  bool all = true;
+  for (const std::unique_ptr<Delivery>& delivery : deliveries) {
+    std::optional<milliseconds> left;
+    if (patience) {
+      left = std::max(milliseconds::zero(),
+                      std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now()));
+    }
+    all = delivery->queue.Drain(left) && all;
+  }
+  return all;
+}
+
+std::string Deliveries::Names() const {
+  std::string names;
+  for (const std::unique_ptr<Delivery>& delivery : deliveries) {
+    names += (names.empty() ? "" : ", ") + delivery->output->Name();
+  }
+  return names;
+}

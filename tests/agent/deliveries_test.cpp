@@ -1,0 +1,173 @@
+#include "agent/deliveries.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "agent/event_sink.h"
+#include "agent/logger.h"
+#include "tests/support/temporary_folder.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+
+constexpr milliseconds generous(60000);
+constexpr milliseconds brief(20);
+constexpr unsigned noLimit = 0;
+
+// Takes no event as long as it is held.
+class HeldOutput : public EventOutput {
+ public:
+  explicit HeldOutput(Outcome outcomeWhenHeld) : whenHeld(outcomeWhenHeld) {}
+
+  Outcome Write(const std::string& event, milliseconds /*patience*/) override {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (held) {
+      return whenHeld;
+    }
+    taken.push_back(event);
+    return Outcome::Delivered;
+  }
+  const std::string& Error() const override { return error; }
+  const std::string& Name() const override { return name; }
+
+  void LetGo() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    held = false;
+  }
+  std::vector<std::string> Taken() const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return taken;
+  }
+
+ private:
+  const Outcome whenHeld;
+  const std::string error = "held: no";
+  const std::string name = "held";
+  mutable std::mutex mutex;
+  bool held = true;
+  std::vector<std::string> taken;
+};
+
+// Tells when the state has changed so that a question is answered with yes.
+class Changes {
+ public:
+  std::function<void()> Notify() {
+    return [this] {
+      const std::lock_guard<std::mutex> lock(mutex);
+      ++count;
+      changed.notify_all();
+    };
+  }
+  bool WaitUntil(const std::function<bool()>& question) {
+    const auto deadline = std::chrono::steady_clock::now() + generous;
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+      const unsigned seen = count;
+      lock.unlock();
+      const bool answer = question();
+      lock.lock();
+      if (answer || (count == seen && !changed.wait_until(lock, deadline, [&] { return count != seen; }))) {
+        return answer;
+      }
+    }
+  }
+
+ private:
+  std::mutex mutex;
+  std::condition_variable changed;
+  unsigned count = 0;
+};
+
+class DeliveriesTest : public testing::Test {
+ protected:
+  // A file, and an output that is held.
+  void Open(EventOutput::Outcome whenHeld, unsigned limit = noLimit) {
+    std::vector<std::unique_ptr<EventOutput>> outputs;
+    auto output = std::make_unique<HeldOutput>(whenHeld);
+    held = output.get();
+    outputs.push_back(std::move(output));
+    outputs.push_back(std::make_unique<EventSink>(path));
+    deliveries = std::make_unique<Deliveries>(std::move(outputs), logger, limit, changes.Notify());
+  }
+
+  TemporaryFolder folder;
+  const std::string path = folder.Path("events");
+  Logger logger{LogLevel::Off};
+  Changes changes;
+  HeldOutput* held = nullptr;
+  std::unique_ptr<Deliveries> deliveries;
+};
+
+TEST_F(DeliveriesTest, AnOutputThatIsBlockedHoldsUpNoOther) {
+  for (const EventOutput::Outcome outcome : {EventOutput::Outcome::Blocked, EventOutput::Outcome::Failed}) {
+    Open(outcome);
+    deliveries->Push("one");
+    deliveries->Push("two", EventQueue::Lane::Findings);
+    EXPECT_TRUE(changes.WaitUntil([&] { return deliveries->States()[1].sent == 2; }));
+    EXPECT_THAT(held->Taken(), ElementsAre());
+    EXPECT_EQ(deliveries->States()[0].waiting, 2U);
+    held->LetGo();
+    EXPECT_TRUE(deliveries->Drain(generous));
+    EXPECT_THAT(held->Taken(), ElementsAre("one", "two"));
+  }
+  EXPECT_EQ(folder.Read("events"), "one\ntwo\none\ntwo\n");
+}
+
+TEST_F(DeliveriesTest, AnEndGivesAllOutputsTheSameTime) {
+  Open(EventOutput::Outcome::Blocked, 1);
+  for (const char* const event : {"one", "two", "three"}) {
+    deliveries->Push(event);
+  }
+  EXPECT_FALSE(deliveries->Drain(brief)) << "the held one has not taken anything";
+  EXPECT_EQ(folder.Read("events"), "one\ntwo\nthree\n") << "the limit does not hold at the end, for either";
+  EXPECT_EQ(deliveries->Accepted(), 3U);
+}
+
+TEST_F(DeliveriesTest, EachOutputHasItsOwnState) {
+  Open(EventOutput::Outcome::Failed, 1);
+  EXPECT_EQ(deliveries->Names(), "held, " + path);
+  EXPECT_EQ(deliveries->States()[0].condition, DeliveryState::Condition::Untried);
+  deliveries->Push("one");
+  deliveries->Push("two");
+  EXPECT_TRUE(changes.WaitUntil([&] {
+    const std::vector<DeliveryState> states = deliveries->States();
+    return states[0].waiting == 2 && states[0].condition == DeliveryState::Condition::Fails &&
+           states[1].deferred == 1;
+  }));
+  const std::vector<DeliveryState> states = deliveries->States();
+  EXPECT_EQ(states[0].output, "held");
+  EXPECT_EQ(states[0].sent, 0U);
+  EXPECT_EQ(states[0].deferred, 0U) << "it waits for the output, not for the limit";
+  EXPECT_EQ(states[0].lastError, "held: no");
+  EXPECT_NE(states[0].lastErrorAt, 0);
+  EXPECT_EQ(states[1].output, path);
+  EXPECT_EQ(states[1].condition, DeliveryState::Condition::Takes);
+  EXPECT_EQ(states[1].sent, 1U);
+  EXPECT_EQ(states[1].waiting, 1U);
+  EXPECT_EQ(states[1].lastError, "");
+}
+
+TEST_F(DeliveriesTest, AnEventThatAnOutputRefusesIsCountedAsLostAndHoldsUpNothing) {
+  Open(EventOutput::Outcome::Refused);
+  deliveries->Push("too long");
+  EXPECT_TRUE(changes.WaitUntil([&] { return deliveries->States()[0].lost == 1; }));
+  held->LetGo();
+  deliveries->Push("two");
+  EXPECT_TRUE(deliveries->Drain(generous));
+  EXPECT_THAT(held->Taken(), ElementsAre("two"));
+  EXPECT_EQ(deliveries->States()[0].sent, 1U);
+  EXPECT_EQ(deliveries->States()[0].lastError, "held: no");
+  EXPECT_EQ(logger.LastError().text, "send queue: held: no; it is left to the log: too long");
+}
+
+}  // namespace
