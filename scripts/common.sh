@@ -13,6 +13,7 @@ fail() {
 PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin # a plain su leaves them out
 
 build_packages=(g++ cmake ninja-build nlohmann-json3-dev libcli11-dev libspdlog-dev libfmt-dev passwd mount)
+packaging_packages=(dpkg-dev file gzip xz-utils)
 
 # install_packages NAME...: installs those that are missing, without a question.
 install_packages() {
@@ -25,7 +26,12 @@ install_packages() {
   say "Installing ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
   apt-get update >&2 || fail "apt-get update failed"
-  apt-get install -y --no-install-recommends "${missing[@]}" >&2 || fail "apt-get install failed"
+  # Programs are wanted, and no service: whoever asks before starting one is told not to.
+  local veto=/usr/sbin/policy-rc.d installed=yes
+  if [ -e $veto ]; then veto=; else printf '#!/bin/sh\nexit 101\n' >$veto && chmod 755 $veto; fi
+  apt-get install -y --no-install-recommends "${missing[@]}" >&2 || installed=no
+  if [ -n "$veto" ]; then rm -f $veto; fi
+  [ $installed = yes ] || fail "apt-get install failed"
 }
 
 # build PRESET [TARGET...]: configures and builds one of CMakePresets.json.

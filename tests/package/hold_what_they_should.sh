@@ -1,0 +1,35 @@
+#!/bin/bash
+# hold_what_they_should.sh FOLDER SOURCES: every file of the packages with its mode and owner, and what dpkg is told of them.
+source "$(dirname "$0")/common.sh"
+folder=$(dirname "$0")
+sources=$2
+
+contents() { dpkg-deb -c "$1" | awk '{ print $1, $2, $6 }' | grep -v '/$' | sed 's@ \./@ /@'; }
+# All of these folders, whatever they hold.
+examples() {
+  (cd "$sources/packaging" && find fleet sigma -type f ! -path '*/__pycache__/*')
+  (cd "$sources/docs" && find schema -type f)
+}
+expected=$(
+  cat "$folder/velta-agent.contents"
+  examples | sed 's@^@-rw-r--r-- root/root /usr/share/doc/velta-agent/examples/@'
+)
+same "the files of ${agent_package##*/}" "$(sort -k 3 <<<"$expected")" "$(contents "$agent_package" | sort -k 3)"
+same "the files of ${dev_package##*/}" "$(cat "$folder/libvelta-detect-user-dev.contents")" "$(contents "$dev_package" | sort -k 3)"
+
+same "the files of an administrator" /etc/velta-agent/policy.json "$(dpkg-deb -I "$agent_package" conffiles)"
+same "the architecture of the headers" all "$(dpkg-deb -f "$dev_package" Architecture)"
+depends=$(dpkg-deb -f "$agent_package" Depends | tr ',' '\n' | sed 's/^ *//; s/ .*//' | sort)
+same "what the agent needs" "libc6
+libgcc-s1
+libstdc++6" "$depends"
+
+dpkg-deb -x "$agent_package" "$work"
+version=$(dpkg-deb -f "$agent_package" Version)
+same "the version that the agent tells" "velta-agent $version" "$("$work/usr/bin/velta-agent" --version)"
+# It finds its module as it lies there.
+"$work/usr/bin/velta-agent" --once --log-level off >/dev/null || [ $? -eq 1 ] || fail "the agent did not find its module"
+"$work/usr/bin/velta-agent" --check-policy "$work/etc/velta-agent/policy.json" || fail "the default policy is none"
+unit=$work/usr/lib/systemd/system/velta-agent.service
+program=$(sed -nE 's@^ExecStart=(/[^ ]*).*@\1@p' "$unit")
+same "what the unit starts" /usr/bin/velta-agent "$program"
