@@ -1,0 +1,216 @@
+"""Hosts and a collector on one machine: each in network, mount and UTS namespaces of its own, with a private copy of
+/etc and a /dev/log of its own, on one switch. Everything ends with the process that made them: they live in a process
+namespace, and their files in memory."""
+
+import json
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+skipped = 77  # CTest's SKIP_RETURN_CODE
+patience = 25  # seconds; only what is broken ever takes so long
+room = pathlib.Path("/mnt")  # covered by a file system in memory, which all namespaces see
+
+# In the namespaces of a new host: nothing of what it changes is the machine's.
+furnish = r"""
+set -e
+echo "$1" >/proc/sys/kernel/hostname
+here=/mnt/$1
+mkdir -p "$here" && cd "$here"
+mkdir etc dev
+mount -t tmpfs -o mode=755 etc etc
+cp -a /etc/. etc
+awk -F: '$3 != 0 || $1 == "root"' etc/passwd >passwd && cat passwd >etc/passwd
+mount -t tmpfs -o mode=755 dev dev
+for device in null zero full random urandom; do
+  touch dev/$device && mount --bind /dev/$device dev/$device
+done
+mount --move dev /dev
+mount --move etc /etc
+for folder in /run /tmp /var/log /var/mail /var/spool; do mount -t tmpfs -o mode=755 own $folder; done
+mkdir -p /var/spool/rsyslog /var/log/velta-fleet /var/log/private/velta-agent
+ln -s private/velta-agent /var/log/velta-agent # as systemd does it for a user of the moment
+chown 65534:65534 /var/log/private/velta-agent
+ip link set lo up
+echo ready
+exec cat
+"""
+
+
+def require_tools(names):
+    missing = [name for name in names if shutil.which(name, path=search_path) is None]
+    if missing:
+        sys.exit("these programs are missing: " + " ".join(missing))  # ./test installs them: a fault, not a skip
+
+
+search_path = os.environ.get("PATH", "") + ":/usr/local/sbin:/usr/sbin:/usr/bin:/sbin:/bin"
+
+
+def enter_namespaces():
+    """Begins the script anew inside of namespaces, once. Where the machine refuses them, the test is skipped."""
+    os.environ["PATH"] = search_path
+    os.environ["LC_ALL"] = "C"
+    if os.environ.get("VELTA_FLEET") == "inside":
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "room", str(room)], check=True)
+        return
+    unshare = ["unshare", "--net", "--mount", "--uts", "--pid", "--fork", "--kill-child", "--mount-proc",
+               "--propagation", "private"]
+    attempt = subprocess.run(unshare + ["sh", "-c", "ip link add name try type bridge && "
+                                        "ip link add name left type veth peer name right"],
+                             capture_output=True, text=True)
+    if attempt.returncode != 0:
+        print("SKIPPED: this machine refuses network namespaces:", attempt.stderr.strip())
+        sys.exit(skipped)
+    os.environ["VELTA_FLEET"] = "inside"
+    os.execvp(unshare[0], unshare + [sys.executable] + sys.argv)
+
+
+def wait_for(what, condition, seconds=patience):
+    """The first true value of the condition; what it is about is a text, or makes one in the end."""
+    deadline = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            for node in Node.all:
+                print("-- the end of what rsyslogd of", node.name, "says\n", node.log()[-2000:])
+            raise AssertionError("in vain after %d s: %s" % (seconds, what() if callable(what) else what))
+        time.sleep(0.02)
+
+
+def environment_in(path):
+    """What systemd's EnvironmentFile= makes of it."""
+    lines = pathlib.Path(path).read_text().splitlines()
+    return dict(line.split("=", 1) for line in lines if line and not line.startswith("#"))
+
+
+class Switch:
+    def __init__(self):
+        self.name = "switch"
+        run("ip", "link", "add", "name", self.name, "type", "bridge")
+        run("ip", "link", "set", self.name, "up")
+        self.used = 0
+
+    def plug(self, node):
+        self.used += 1
+        node.address = "10.77.0.%d" % self.used
+        run("ip", "link", "add", "name", "to-" + node.name, "type", "veth", "peer", "name", "eth0", "netns",
+            str(node.pid))
+        run("ip", "link", "set", "to-" + node.name, "master", self.name, "up")
+        node.run("ip", "address", "add", node.address + "/24", "dev", "eth0")
+        node.run("ip", "link", "set", "eth0", "up")
+
+
+def run(*words, **options):
+    done = subprocess.run(words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **options)
+    if done.returncode != 0:
+        raise AssertionError("%s: %s" % (" ".join(words), done.stdout))
+    return done.stdout
+
+
+class Node:
+    """One machine, with the rsyslogd of Debian and its rsyslog.conf."""
+
+    all = []
+
+    def __init__(self, name, switch):
+        self.name = name
+        self.holder = subprocess.Popen(["unshare", "--net", "--mount", "--uts", "--propagation", "private", "sh", "-c",
+                                        furnish, "sh", name], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        if self.holder.stdout.readline() != "ready\n":
+            raise AssertionError("no host " + name)
+        self.pid = self.holder.pid
+        self.enter = ["nsenter", "--target", str(self.pid), "--mount", "--net", "--uts", "--root", "--wd", "--"]
+        switch.plug(self)
+        self.rsyslogd = None
+        Node.all.append(self)
+        self.environment = {}
+        # The kernel's messages are the machine's.
+        run("sed", "-i", "/imklog/d", str(self.file("/etc/rsyslog.conf")))
+        for file in self.file("/etc/rsyslog.d").glob("*"):
+            file.unlink()
+
+    def file(self, path):
+        """One of its files, as the test sees it."""
+        return pathlib.Path("/proc/%d/root%s" % (self.pid, path))
+
+    def run(self, *words, **options):
+        return run(*self.enter, *words, **options)
+
+    def start(self, *words, log):
+        with open(self.file(log), "a") as out:
+            return subprocess.Popen(self.enter + list(words), stdin=subprocess.DEVNULL, stdout=out, stderr=out,
+                                    env=dict(os.environ, **self.environment))
+
+    def configure_rsyslog(self, files, environment):
+        for file in files:
+            shutil.copy(file, self.file("/etc/rsyslog.d"))
+        self.environment = environment
+
+    def start_rsyslog(self):
+        self.file("/run/velta-forward").mkdir()  # as velta.conf has systemd do it, and remove it at the end
+        self.rsyslogd = self.start("rsyslogd", "-n", "-i", "/run/rsyslogd.pid", "-f", "/etc/rsyslog.conf",
+                                   log="/var/log/rsyslogd")
+        wait_for("rsyslogd of " + self.name, lambda: self.file("/run/rsyslogd.pid").exists())
+
+    def end_rsyslog(self, number=signal.SIGTERM):
+        self.rsyslogd.send_signal(number)
+        self.rsyslogd.wait(patience)
+        self.file("/run/rsyslogd.pid").unlink(missing_ok=True)
+        shutil.rmtree(self.file("/run/velta-forward"))
+
+    def log(self):
+        """What rsyslogd says of itself."""
+        return "".join(file.read_text() for file in map(self.file, ["/var/log/rsyslogd", "/var/log/syslog"])
+                       if file.exists())
+
+
+class Host(Node):
+    """With the real agent, which is nobody there."""
+
+    def __init__(self, name, switch, agent, options):
+        super().__init__(name, switch)
+        self.expected = []  # the names that became root; one reading of several reports them in an order of its own
+        self.agent_command = ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", agent, "--limit",
+                              "0", *options]
+
+    def start_agent(self):
+        self.agent = self.start(*self.agent_command, log="/var/log/agent")
+        wait_for("agent of " + self.name,
+                 lambda: "watching /etc/passwd" in self.file("/var/log/agent").read_text())
+
+    def end_agent(self):
+        self.agent.terminate()
+        return self.agent.wait(patience)
+
+    def add_account(self, name):
+        self.run("useradd", "-o", "-u", "0", "-M", name)
+        self.expected.append(name)
+
+    def add_line(self, name):
+        with open(self.file("/etc/passwd"), "a") as passwd:
+            passwd.write("%s:x:0:0::/:/bin/sh\n" % name)
+        self.expected.append(name)
+
+
+class Collector(Node):
+    events = "/var/log/velta-fleet/events.jsonl"
+    others = "/var/log/velta-fleet/others.jsonl"
+
+    def lines(self, path=events):
+        """Those that are whole."""
+        file = self.file(path)
+        text = file.read_text() if file.exists() else ""
+        return text.split("\n")[:-1]
+
+    def names(self, host):
+        """Of the accounts that were reported from there, each once, in the order of the file there."""
+        records = [json.loads(line) for line in self.lines()]
+        records = [record for record in records if record["host"] == host.name]
+        records.sort(key=lambda record: int(record["at"]))
+        return list(dict.fromkeys(record["event"]["eventContent"]["userName"] for record in records))
