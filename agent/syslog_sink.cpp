@@ -53,6 +53,7 @@ constexpr std::array<Named, 12> facilities = {{{"auth", LOG_AUTH},
 template <typename Table>
 std::vector<std::string> NamesIn(const Table& table) {
   std::vector<std::string> names;
+  names.reserve(table.size());
   for (const Named& row : table) {
     names.emplace_back(row.name);
   }

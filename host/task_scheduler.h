@@ -35,8 +35,9 @@ static_assert(sizeof(bool) == 1, "the switch is one byte wide");
 }  // namespace thread
 }  // namespace utils
 
-// Registers a task; returns its identifier, or 0 when it was refused. The scheduler calls function(arg) on a
-// thread of the agent's, which may be the file monitor's but is none that waits in the module, never twice at the same time for one task.
+// Registers a task; returns its identifier, or 0 when it was refused. function(arg) is called on a thread of
+// the agent's, which may be the file monitor's but is none that waits inside the module; never twice at the
+// same time for one task.
 //
 // Thread use: any thread. name is copied.
 unsigned UtilsRegisterTask(utils::thread::TASKTYPE type, utils::thread::TASK_CONDITION condition,

@@ -21,7 +21,8 @@ manager=
 finish() {
   if [ -n "$manager" ]; then kill -KILL "$manager" 2>/dev/null || true; wait "$manager" 2>/dev/null || true; fi
   if [ -n "$group" ]; then
-    # What was in it has been killed, and is gone in a moment.
+    echo 1 >"$group/cgroup.kill" 2>/dev/null || true
+    # What was in it is gone in a moment.
     for _ in {1..50}; do
       find "$group" -depth -type d -exec rmdir {} + 2>/dev/null && break
       read -r -t 0.1 <> <(:) || true
