@@ -23,6 +23,7 @@
 
 #include "agent/account_file.h"
 #include "agent/agent_status.h"
+#include "agent/change_signal.h"
 #include "agent/cross_check.h"
 #include "agent/deliveries.h"
 #include "agent/event_output.h"
@@ -254,9 +255,10 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   Logger logger(options.logLevel);
   ReadingRecord readings;
   // A single reading is over before anybody could ask how it is, and its signals are not waited for.
+  ChangeSignal changes(pthread_self(), stateChanged);
   std::function<void()> noteChange;
   if (!options.once) {
-    noteChange = [control = pthread_self()] { pthread_kill(control, stateChanged); };
+    noteChange = [&changes] { changes.Note(); };
   }
   std::vector<std::unique_ptr<EventOutput>> outputs =
       OrFail(EXIT_OUTPUT, [&] { return OpenOutputs(options); });
@@ -300,7 +302,7 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
                          [&readings](std::size_t lines) { readings.Counted(lines); });
     });
   }
-  Reporter reporter({readings, monitor, queue, logger}, options.statusPath, options.policyPath);
+  Reporter reporter({readings, monitor, queue, changes, logger}, options.statusPath, options.policyPath);
   // Last: unloaded while everything that it calls still stands.
   const LoadedModule module = OrFail(EXIT_MODULE, [&] { return LoadedModule(modulePath); });
 

@@ -41,6 +41,7 @@ void Reporter::TellDue() noexcept {
       GiveSign(now);
     }
     if (beat.TakeState(now)) {
+      sources.changes.Take();
       TellState("");
     }
   } catch (const std::bad_alloc&) {  // told of when there is memory again

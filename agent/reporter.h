@@ -8,6 +8,7 @@
 
 #include "agent/agent_status.h"
 #include "agent/beat.h"
+#include "agent/change_signal.h"
 #include "agent/deliveries.h"
 #include "agent/file_monitor.h"
 #include "agent/logger.h"
@@ -24,6 +25,7 @@ class Reporter {
     const ReadingRecord& readings;
     const FileMonitor& monitor;
     const Deliveries& deliveries;
+    ChangeSignal& changes;
     Logger& logger;
   };
 
