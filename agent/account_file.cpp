@@ -14,18 +14,12 @@ const char accountFilePath[] = "/etc/passwd";
 
 namespace {
 
-// Of the machine's means: it may be over the next moment, and no event would tell.
+// Of the machine's means: it may be over the next moment, and no event would tell. The module would take it
+// for a missing file.
 bool IsShortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
 
-// The module would take it for a missing file. Opened in a way that cannot be read from: a FIFO is not waited
-// for, and whoever watches the file does not take this for a reading.
-std::string ShortageAt(const std::string& path) {
-  const int descriptor = open(path.c_str(), O_PATH | O_CLOEXEC);
-  if (descriptor >= 0) {
-    close(descriptor);
-    return "";
-  }
-  return IsShortage(errno) ? path + " cannot be opened: " + std::strerror(errno) : "";
+std::string CannotBeOpened(const std::string& path, int error) {
+  return path + " cannot be opened: " + std::strerror(error);
 }
 
 }  // namespace
@@ -44,8 +38,27 @@ std::string ObstacleToReading(const std::string& path, const std::optional<FileS
 }
 
 std::string ObstacleToReading(const std::string& path) {
-  const std::string shortage = ShortageAt(path);
-  return shortage.empty() ? ObstacleToReading(path, FileStatus::OfPath(path)) : shortage;
+  const AccountFileLook look = LookAtAccountFile(path);
+  return IsShortage(look.error) ? CannotBeOpened(path, look.error) : ObstacleToReading(path, look.status);
+}
+
+// Opened in a way that cannot be read from: a FIFO is not waited for, and whoever watches the file does not
+// take this for a reading.
+AccountFileLook LookAtAccountFile(const std::string& path) {
+  AccountFileLook look;
+  const int descriptor = open(path.c_str(), O_PATH | O_CLOEXEC);
+  if (descriptor < 0) {
+    look.error = errno;
+    return look;
+  }
+  look.status = FileStatus::OfDescriptor(descriptor);
+  close(descriptor);
+  // By the path, since not every kernel answers for a descriptor; what changes in between is told by an
+  // event.
+  if (faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0 && errno == EACCES) {
+    look.error = EACCES;
+  }
+  return look;
 }
 
 std::string UnreadableEvent(const std::string& path, const std::string& reason) {
@@ -61,40 +74,42 @@ std::string UnreadableEvent(const std::string& path, const std::string& reason) 
   return Utils::Convert::JsonToString(event);
 }
 
-ReadingGate::ReadingGate(std::function<void(const std::string& reason)> tellObstacle)
-    : tell(std::move(tellObstacle)) {}
+ReadingGate::ReadingGate(std::function<void(const std::string& reason)> tellReason)
+    : tell(std::move(tellReason)) {}
 
 TaskScheduler::Permission ReadingGate::Ask(const std::string& path, Time now) {
-  const TaskScheduler::Permission permission = Ask(path, FileStatus::OfPath(path), now);
-  if (permission.answer != Answer::Yes) {
-    return Tell(permission);
-  }
-  const std::string shortage = ShortageAt(path);
-  return Tell({shortage.empty() ? Answer::Yes : Answer::No, shortage});
+  return Ask(path, LookAtAccountFile(path), now);
 }
 
-TaskScheduler::Permission ReadingGate::Tell(const TaskScheduler::Permission& permission) {
-  if (permission.answer == Answer::No && permission.reason != told) {
-    if (tell) {
+TaskScheduler::Permission ReadingGate::Ask(const std::string& path, const AccountFileLook& look, Time now) {
+  TaskScheduler::Permission permission = Decide(path, look, now);
+  if (permission.answer != Answer::NotYet && permission.reason != told) {
+    if (tell && !permission.reason.empty()) {
       tell(permission.reason);
     }
     told = permission.reason;
-  } else if (permission.answer == Answer::Yes) {
-    told.clear();
   }
   return permission;
 }
 
-TaskScheduler::Permission ReadingGate::Ask(const std::string& path, const std::optional<FileStatus>& status,
-                                           Time now) {
-  const std::string obstacle = ObstacleToReading(path, status);
+TaskScheduler::Permission ReadingGate::Decide(const std::string& path, const AccountFileLook& look,
+                                              Time now) {
+  const std::string obstacle =
+      IsShortage(look.error) ? CannotBeOpened(path, look.error) : ObstacleToReading(path, look.status);
   if (!obstacle.empty()) {
+    condition = Condition::Good;  // what comes after it is another time
     return {Answer::No, obstacle};
   }
-  if (!status || status->size > 0) {
-    emptySince.reset();
-    return {Answer::Yes, ""};
+  const bool unreadable = look.error != 0 || !look.status;
+  const Condition current = unreadable               ? Condition::Unreadable
+                            : look.status->size == 0 ? Condition::Empty
+                                                     : Condition::Good;
+  if (current != condition) {
+    condition = current;
+    conditionSince = now;
   }
-  emptySince = emptySince.value_or(now);
-  return {now - *emptySince < longestEmpty ? Answer::NotYet : Answer::Yes, ""};
+  if (condition != Condition::Good && now - conditionSince < longestChange) {
+    return {Answer::NotYet, ""};
+  }
+  return {Answer::Yes, unreadable ? CannotBeOpened(path, look.error) : ""};
 }

@@ -19,43 +19,54 @@ constexpr std::uint64_t largestAccountFile = std::uint64_t{256} << 20;
 // Why a reading of the file must not begin, or an empty text. The module opens whatever stands there: a FIFO
 // would hold its thread for ever, a folder looks like an empty file and empties what the detector knows, and
 // a line of gigabytes takes as much memory. A missing or unreadable file is no obstacle: the module says so
-// itself.
+// itself, and keeps what it knows.
 std::string ObstacleToReading(const std::string& path, const std::optional<FileStatus>& status);
 std::string ObstacleToReading(const std::string& path);
 
 // The event that tells of an obstacle: {"eventType":"account-file-unreadable", ... "path" and "reason".
 std::string UnreadableEvent(const std::string& path, const std::string& reason);
 
-// Decides before each reading whether it may begin, and tells of each obstacle once.
+// What a look at the file found.
+struct AccountFileLook {
+  std::optional<FileStatus> status;  // none: it is not there
+  int error = 0;  // why it cannot be read; 0: it can, as far as one may know without reading
+};
+AccountFileLook LookAtAccountFile(const std::string& path);
+
+// Decides before each reading whether it may begin, and tells once of each thing that makes readings useless:
+// an obstacle, or a file that is missing or may not be read. Of those two the module tells as well, so its
+// reading begins all the same.
 //
-// An empty account file is most likely one that is being written anew, right after its truncation. Read then,
-// it would empty what the detector knows, and every accepted account would be reported again. So the reading
-// is put off for as long as a writer may need; a file that stays empty is read.
+// A file that is empty or missing is most likely one that is being written anew: right after its truncation,
+// or between the removal of the old one and the arrival of the new one. An empty one, read then, would empty
+// what the detector knows, and every accepted account would be reported again. So the reading is put off for
+// as long as a writer may need; a file that stays so is read.
 //
 // Thread use: one thread at a time.
 class ReadingGate {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  static constexpr std::chrono::milliseconds longestEmpty{1000};
+  static constexpr std::chrono::milliseconds longestChange{1000};
 
-  // tellObstacle gets the reason for which readings are refused from now on; it is called inside of Ask.
-  explicit ReadingGate(std::function<void(const std::string& reason)> tellObstacle = nullptr);
+  // tellReason gets the reason for which readings find nothing from now on; it is called inside of Ask.
+  explicit ReadingGate(std::function<void(const std::string& reason)> tellReason = nullptr);
 
-  // Looks at the file, also whether there is a descriptor to open it with.
   TaskScheduler::Permission Ask(const std::string& path, Time now);
 
   // What the look says, without looking.
-  TaskScheduler::Permission Ask(const std::string& path, const std::optional<FileStatus>& status, Time now);
+  TaskScheduler::Permission Ask(const std::string& path, const AccountFileLook& look, Time now);
 
  private:
   using Answer = TaskScheduler::Permission::Answer;
+  enum class Condition { Good, Empty, Unreadable };
 
-  TaskScheduler::Permission Tell(const TaskScheduler::Permission& permission);
+  TaskScheduler::Permission Decide(const std::string& path, const AccountFileLook& look, Time now);
 
   const std::function<void(const std::string& reason)> tell;
   std::string told;
-  std::optional<Time> emptySince;
+  Condition condition = Condition::Good;
+  Time conditionSince;
 };
 
 #endif  // VELTA_AGENT_ACCOUNT_FILE_H

@@ -66,8 +66,8 @@ void ReadingRecord::Asked(const TaskScheduler::Permission& permission, Time now)
     ++state.count;
     state.last = std::time(nullptr);
     state.runningSince = now;
-    state.obstacle.clear();
-  } else if (permission.answer == TaskScheduler::Permission::Answer::No) {
+  }
+  if (permission.answer != TaskScheduler::Permission::Answer::NotYet) {
     state.obstacle = permission.reason;
   }
 }

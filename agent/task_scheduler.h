@@ -33,7 +33,7 @@ class TaskScheduler {
   struct Permission {
     enum class Answer { Yes, NotYet, No };
     Answer answer = Answer::Yes;
-    std::string reason;  // of a No
+    std::string reason;  // of a No; of a Yes: why the run will find nothing
   };
 
   // Whether a task may run now. Called on the threads that run tasks, one at a time.

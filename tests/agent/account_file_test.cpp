@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -21,6 +22,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 // By the native tool: a 32-bit time_t cannot say it.
 void SetTimesTo2040(const std::string& path) {
@@ -85,29 +87,68 @@ using Answer = TaskScheduler::Permission::Answer;
 
 class ReadingGateTest : public testing::Test {
  protected:
-  static std::optional<FileStatus> Regular(std::uint64_t size) {
-    FileStatus status = FileStatus();
-    status.regular = true;
-    status.size = size;
-    return status;
+  static AccountFileLook Regular(std::uint64_t size) {
+    AccountFileLook look;
+    look.status = FileStatus();
+    look.status->regular = true;
+    look.status->size = size;
+    return look;
+  }
+  static AccountFileLook Missing() { return {std::nullopt, ENOENT}; }
+  static AccountFileLook Forbidden() {
+    AccountFileLook look = Regular(1);
+    look.error = EACCES;
+    return look;
+  }
+  static ReadingGate::Time At(int ms) {
+    return ReadingGate::Time(std::chrono::hours(1)) + std::chrono::milliseconds(ms);
   }
 
-  Answer AskAt(int ms, const std::optional<FileStatus>& status) {
-    return gate
-        .Ask("/passwd", status, ReadingGate::Time(std::chrono::hours(1)) + std::chrono::milliseconds(ms))
-        .answer;
-  }
+  Answer AskAt(int ms, const AccountFileLook& look) { return gate.Ask("/passwd", look, At(ms)).answer; }
 
   ReadingGate gate;
 };
 
-TEST_F(ReadingGateTest, AFileWithContentAndOneThatIsMissingMayBeRead) {
-  EXPECT_EQ(AskAt(0, Regular(1)), Answer::Yes);
-  EXPECT_EQ(AskAt(0, std::nullopt), Answer::Yes);
+TEST_F(ReadingGateTest, AFileWithContentMayBeReadAtOnce) { EXPECT_EQ(AskAt(0, Regular(1)), Answer::Yes); }
+
+TEST_F(ReadingGateTest, WhatIsMissingOrForbiddenForASecondIsLeftToTheModuleAndToldOnce) {
+  struct Row {
+    AccountFileLook look;
+    std::string reason;
+  };
+  for (const Row& row : {Row{Missing(), "/passwd cannot be opened: No such file or directory"},
+                         Row{Forbidden(), "/passwd cannot be opened: Permission denied"}}) {
+    std::vector<std::string> told;
+    ReadingGate telling([&told](const std::string& reason) { told.push_back(reason); });
+    EXPECT_EQ(telling.Ask("/passwd", row.look, At(0)).answer, Answer::NotYet)
+        << "a new one may be on its way";
+    EXPECT_EQ(telling.Ask("/passwd", row.look, At(999)).answer, Answer::NotYet);
+    EXPECT_THAT(told, IsEmpty());
+    for (const int ms : {1000, 300000}) {
+      const TaskScheduler::Permission permission = telling.Ask("/passwd", row.look, At(ms));
+      EXPECT_EQ(permission.answer, Answer::Yes);
+      EXPECT_EQ(permission.reason, row.reason);
+    }
+    EXPECT_THAT(told, ElementsAre(row.reason));
+    EXPECT_EQ(telling.Ask("/passwd", Regular(1), At(300001)).reason, "");
+    telling.Ask("/passwd", row.look, At(300002));
+    telling.Ask("/passwd", row.look, At(301002));
+    EXPECT_THAT(told, ElementsAre(row.reason, row.reason)) << "it is another time";
+  }
+}
+
+TEST_F(ReadingGateTest, ALookSaysWhatIsMissingAndWhatIsThere) {
+  const TemporaryFolder folder;
+  EXPECT_EQ(LookAtAccountFile(folder.Path("none")).error, ENOENT);
+  EXPECT_FALSE(LookAtAccountFile(folder.Path("none")).status);
+  const AccountFileLook look = LookAtAccountFile(folder.Write("passwd", "text"));
+  EXPECT_EQ(look.error, 0);
+  ASSERT_TRUE(look.status);
+  EXPECT_EQ(look.status->size, 4u);
 }
 
 TEST_F(ReadingGateTest, WhatIsNoFileIsRefusedWithTheReason) {
-  const TaskScheduler::Permission permission = gate.Ask("/passwd", FileStatus(), ReadingGate::Time());
+  const TaskScheduler::Permission permission = gate.Ask("/passwd", {FileStatus(), 0}, ReadingGate::Time());
   EXPECT_EQ(permission.answer, Answer::No);
   EXPECT_EQ(permission.reason, "/passwd is not a regular file");
 }
@@ -124,7 +165,6 @@ TEST_F(ReadingGateTest, ALackOfDescriptorsIsNotTakenForAMissingFile) {
     EXPECT_EQ(permission.reason, path + " cannot be opened: Too many open files");
   }
   EXPECT_EQ(ask().answer, Answer::Yes);
-  EXPECT_EQ(gate.Ask(folder.Path("none"), ReadingGate::Time()).answer, Answer::Yes);
 }
 
 TEST_F(ReadingGateTest, AnObstacleIsToldOnceUntilReadingsBeginAgain) {
@@ -170,6 +210,19 @@ TEST_F(ReadingGateTest, EachTimeThatTheFileIsEmptyCountsAnew) {
   EXPECT_EQ(AskAt(1000, Regular(0)), Answer::NotYet);
   EXPECT_EQ(AskAt(1999, Regular(0)), Answer::NotYet);
   EXPECT_EQ(AskAt(2000, Regular(0)), Answer::Yes);
+}
+
+TEST_F(ReadingGateTest, AFileThatIsMissingAndThenEmptyHasBeenEmptyOnlySinceThen) {
+  EXPECT_EQ(AskAt(0, Missing()), Answer::NotYet);
+  EXPECT_EQ(AskAt(900, Regular(0)), Answer::NotYet);
+  EXPECT_EQ(AskAt(1899, Regular(0)), Answer::NotYet);
+  EXPECT_EQ(AskAt(1900, Regular(0)), Answer::Yes);
+}
+
+TEST_F(ReadingGateTest, AnObstacleBetweenTwoEmptyFilesMakesTheSecondCountAnew) {
+  EXPECT_EQ(AskAt(0, Regular(0)), Answer::NotYet);
+  EXPECT_EQ(AskAt(500, {FileStatus(), 0}), Answer::No);
+  EXPECT_EQ(AskAt(1000, Regular(0)), Answer::NotYet);
 }
 
 }  // namespace

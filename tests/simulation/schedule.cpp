@@ -470,7 +470,7 @@ void World::NoteChange(Step step) {
 // How long the reading of an empty file may wait.
 microseconds World::PutOff() const {
   const bool empty = kernel.Resolve() != SimulatedKernel::none && kernel.Of(kernel.Resolve()).halves == 0;
-  return empty ? ReadingGate::longestEmpty + TaskTable::putOffWait : milliseconds(0);
+  return empty ? ReadingGate::longestChange + TaskTable::putOffWait : milliseconds(0);
 }
 
 // Between two answers of the kernel, time passes and the writer may be at work.
@@ -528,7 +528,8 @@ void World::BeginReading() {
     Fail("a reading begins while the module is stopped");
   }
   const std::string path = accountFilePath;
-  const TaskScheduler::Permission permission = gate.Ask(path, kernel.Look(path), now);
+  const std::optional<FileStatus> status = kernel.Look(path);
+  const TaskScheduler::Permission permission = gate.Ask(path, {status, status ? 0 : ENOENT}, now);
   if (permission.answer != TaskScheduler::Permission::Answer::Yes) {
     Say("worker", "puts off");
     tasks.End(id,

@@ -431,6 +431,7 @@ TEST_F(WaysOfChange, Way14WhatMayNotBeReadIsReadOnceItMay) {
   const auto agent = Accepting(eventsAlone, Ordinary());
   ASSERT_NO_FATAL_FAILURE(Do("chmod 000 passwd"));
   ExpectRefusedSoon(*agent);
+  EXPECT_EQ(agent->NextAlert(soon), UnreadableFor("/etc/passwd cannot be opened: Permission denied"));
   ASSERT_NO_FATAL_FAILURE(Do("touch passwd"));
   ExpectRefusedSoon(*agent);
   Append("toor-1");
@@ -635,6 +636,7 @@ TEST_F(WaysOfChange, Way20AFolderThatIsGoneIsWaitedFor) {
   const auto agent = Accepting(eventsOfRoot, inside);
   root.Do("mv etc away");
   ExpectRefusedSoon(*agent);
+  EXPECT_EQ(agent->NextAlert(soon), UnreadableFor("/etc/passwd cannot be opened: No such file or directory"));
   root.Do(With("elsewhere", "echo $line >>away/passwd"));  // not the account file any more
   root.Do("mkdir etc");
   if (rootIsSeen) {
@@ -693,6 +695,8 @@ TEST_F(WaysOfChange, Way21ALinkIntoAFileSystemThatGoesAndComesBack) {
     const auto agent = Accepting(eventsAlone);
     ASSERT_NO_FATAL_FAILURE(Do(unmount));
     ExpectRefusedSoon(*agent);
+    EXPECT_EQ(agent->NextAlert(soon),
+              UnreadableFor("/etc/passwd cannot be opened: No such file or directory"));
     ASSERT_NO_FATAL_FAILURE(Do(With("toor", "echo $line >>other/passwd && mount --bind other disk")));
     EXPECT_EQ(agent->NextAlert(soon), AlertFor("toor"));
     ASSERT_NO_FATAL_FAILURE(Do(With("behind", "echo $line >>other/passwd")));
@@ -712,6 +716,7 @@ TEST_F(WaysOfChange, Way21AFileThatAppearsOnAnEmptyFileSystemBehindALinkIsSeenBy
   const auto agent = Accepting(oftenStat);
   ASSERT_NO_FATAL_FAILURE(Do("mount -t tmpfs -o mode=755 tmpfs disk"));
   ExpectRefusedSoon(*agent);
+  EXPECT_EQ(agent->NextAlert(soon), UnreadableFor("/etc/passwd cannot be opened: No such file or directory"));
   ASSERT_NO_FATAL_FAILURE(Do(With("toor", "echo $line >>kept && mv kept disk/passwd")));
   EXPECT_EQ(agent->NextAlert(soon), AlertFor("toor"));
   ExpectNothingElse(*agent);
