@@ -47,6 +47,11 @@ bool Deliveries::Drain(std::optional<milliseconds> patience) {
   return all;
 }
 
+bool Deliveries::HasHung() const {
+  return std::any_of(deliveries.begin(), deliveries.end(),
+                     [](const std::unique_ptr<Delivery>& delivery) { return delivery->queue.HasHung(); });
+}
+
 std::string Deliveries::Names() const {
   std::string names;
   for (const std::unique_ptr<Delivery>& delivery : deliveries) {

@@ -37,6 +37,9 @@ class Deliveries : public EventQueue {
   // All outputs at a time; see SendQueue. True when nothing is left for any.
   bool Drain(std::optional<std::chrono::milliseconds> patience);
 
+  // See SendQueue: true when it is so for any output.
+  bool HasHung() const;
+
   // "standard output, syslog"
   std::string Names() const;
 

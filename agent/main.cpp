@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <exception>
@@ -246,6 +247,19 @@ int CheckPolicy(const std::string& path) {
   return EXIT_DONE;
 }
 
+// Ends the process though one of its threads does not come back: that one cannot be waited for, nor may what
+// it uses be destroyed. What is left was logged.
+[[noreturn]] void LeaveBehind(const std::exception_ptr& failure, Logger& logger) {
+  try {
+    if (failure) {
+      std::rethrow_exception(failure);
+    }
+  } catch (const std::exception& error) {
+    logger.Error(error.what());
+  }
+  std::_Exit(EXIT_OUTPUT);
+}
+
 // The module is stopped and everything queued is delivered whatever ends the watch.
 int RunModule(const Options& options, const std::string& policy, const std::string& modulePath) {
   // One reading is ended by its signals at once: it leaves nothing behind.
@@ -327,6 +341,9 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   module.Deinit();
   crossCheck.reset();
   const bool delivered = options.once ? queue.Drain(std::nullopt) : queue.Drain(drainPatience);
+  if (queue.HasHung()) {
+    LeaveBehind(failure, logger);
+  }
   if (failure) {
     std::rethrow_exception(failure);
   }

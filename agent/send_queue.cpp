@@ -16,6 +16,7 @@ namespace {
 
 // How long one attempt waits for a slow reader: also how long a stop may have to wait for it.
 constexpr milliseconds sinkPatience{200};
+constexpr milliseconds longestAttempt{700};  // with what it takes besides waiting
 constexpr milliseconds retryInterval{1000};
 constexpr milliseconds drainRetryInterval{100};  // an end has little time
 
@@ -143,11 +144,17 @@ bool SendQueue::Drain(std::optional<milliseconds> patience) {
   if (IsEmptyLocked()) {
     return true;
   }
-  // The attempt that is being made ends first: an event is either delivered or told, never both.
+  // The attempt that is being made ends first: an event is either delivered or told. Of one that does not end
+  // nobody knows.
   abandoned = true;
-  delivered.wait(lock, [this] { return !writing; });
+  delivered.wait_for(lock, longestAttempt, [this] { return !writing; });
   if (IsEmptyLocked()) {
     return true;
+  }
+  hung = writing;
+  if (hung) {
+    logger.Error("send queue: an attempt to deliver to " + sink.Name() +
+                 " does not end; its event may have arrived");
   }
   logger.Error("send queue: " + std::to_string(CountLocked()) + " events could not be delivered to " +
                sink.Name());
@@ -155,6 +162,11 @@ bool SendQueue::Drain(std::optional<milliseconds> patience) {
     TellLeftLocked(lane);
   }
   return false;
+}
+
+bool SendQueue::HasHung() const {
+  std::lock_guard<std::mutex> lock(mutex);
+  return hung;
 }
 
 void SendQueue::TellLeftLocked(const Waiting& lane) {

@@ -83,6 +83,10 @@ class SendQueue : public EventQueue {
   // logged.
   bool Drain(std::optional<std::chrono::milliseconds> patience);
 
+  // An attempt to deliver had not ended when a Drain gave up: the output does not keep to its patience. The
+  // destructor would wait for it, maybe for ever.
+  bool HasHung() const;
+
  private:
   struct Waiting {
     Waiting(std::size_t longestBytes, unsigned eventsPerMinute)
@@ -141,6 +145,7 @@ class SendQueue : public EventQueue {
   bool draining = false;
   bool writing = false;  // an event is on its way to the sink
   std::chrono::steady_clock::time_point writingSince;
+  bool hung = false;
   bool abandoned = false;  // what is left has been told: no more of it leaves
   bool stopping = false;
 

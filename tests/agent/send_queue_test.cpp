@@ -4,11 +4,13 @@
 
 #include <array>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <regex>
 #include <stdexcept>
@@ -19,6 +21,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "agent/event_output.h"
 #include "agent/event_sink.h"
 #include "agent/logger.h"
 #include "tests/support/event_record.h"
@@ -99,6 +102,38 @@ class LogPipe {
   std::array<int, 2> ends{};
   std::unique_ptr<LineReader> reader;
   std::unique_ptr<Logger> logger;
+};
+
+// Does not keep to its patience.
+class HangingOutput : public EventOutput {
+ public:
+  Outcome Write(const std::string& /*event*/, milliseconds /*patience*/) override {
+    std::unique_lock<std::mutex> lock(mutex);
+    entered = true;
+    changed.notify_all();
+    changed.wait(lock, [this] { return released; });
+    return Outcome::Delivered;
+  }
+  const std::string& Error() const override { return none; }
+  const std::string& Name() const override { return name; }
+
+  void AwaitEntry() {
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait(lock, [this] { return entered; });
+  }
+  void Release() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    released = true;
+    changed.notify_all();
+  }
+
+ private:
+  const std::string none;
+  const std::string name = "hanging";
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool entered = false;
+  bool released = false;
 };
 
 class SendQueueTest : public testing::Test {
@@ -376,6 +411,23 @@ TEST_F(SendQueueTest, Fault14AHundredThousandAlertsAtOnceAreAllDelivered) {
   EXPECT_EQ(queue->Accepted(), events.size());
   EXPECT_TRUE(queue->Drain(generous));
   EXPECT_TRUE(folder.Read("events") == Lines(events));
+}
+
+TEST_F(SendQueueTest, Fault16AnOutputThatNeverComesBackDoesNotHoldUpAnEnd) {
+  HangingOutput output;
+  queue = std::make_unique<SendQueue>(output, log.Log(), noLimit);
+  Push({"one", "two"});
+  output.AwaitEntry();
+  EXPECT_FALSE(queue->HasHung());
+  EXPECT_FALSE(queue->Drain(brief));
+  EXPECT_TRUE(queue->HasHung());
+  output.Release();
+  EXPECT_THAT(
+      RestOfLog(),
+      ElementsAre(
+          "error send queue: an attempt to deliver to hanging does not end; its event may have arrived",
+          "error send queue: 2 events could not be delivered to hanging",
+          "error send queue: not delivered: one", "error send queue: not delivered: two"));
 }
 
 TEST_F(SendQueueTest, Fault14AnEventIsEitherDeliveredOrToldAsNotDelivered) {

@@ -7,7 +7,8 @@
 //   text    only where the path contains it, or the target of the descriptor's link in /proc: "inotify",
 //           "eventfd", "/etc/passwd"
 //   effect  the name of an error; a number: the most bytes that a read or write gets; STRANGER: a read gives
-//           an event of a watch that nobody has first; FORWARD and BACK: the clock is set by an hour
+//           an event of a watch that nobody has first; FORWARD and BACK: the clock is set by an hour;
+//           HANG: a write never comes back
 //   which   3 the third of these calls, 3- that and all after it, -3 the first three, %3 every third; without
 //           it all of them
 //
@@ -45,6 +46,7 @@ struct Effect {
   int error = 0;  // 0: none
   std::size_t bytes = 0;
   bool stranger = false;
+  bool hang = false;
   int jump = 0;  // to which side
 };
 
@@ -77,11 +79,12 @@ Effect EffectOf(const char* word, const char* rule) {
   Effect effect;
   effect.bytes = strtoul(word, nullptr, 10);
   effect.stranger = strcmp(word, "STRANGER") == 0;
+  effect.hang = strcmp(word, "HANG") == 0;
   effect.jump = strcmp(word, "FORWARD") == 0 ? 1 : strcmp(word, "BACK") == 0 ? -1 : 0;
   for (const Error& error : errors) {
     effect.error = strcmp(word, error.name) == 0 ? error.number : effect.error;
   }
-  if (effect.bytes == 0 && effect.error == 0 && !effect.stranger && effect.jump == 0) {
+  if (effect.bytes == 0 && effect.error == 0 && !effect.stranger && !effect.hang && effect.jump == 0) {
     Refuse(rule);
   }
   return effect;
@@ -255,6 +258,9 @@ ssize_t read(int descriptor, void* data, std::size_t size) {
 ssize_t write(int descriptor, const void* data, std::size_t size) {
   VELTA_REAL(write);
   const Effect effect = NextOf("write", descriptor);
+  while (effect.hang) {
+    pause();
+  }
   return Fails(effect) ? -1 : real(descriptor, data, SizeUnder(effect, size));
 }
 

@@ -237,6 +237,23 @@ TEST_F(ProcessFaults, Fault16WritesThatFailOrTakeAPartLeaveWholeRecordsInOrder) 
   }
 }
 
+// As on a network file system whose server is gone.
+TEST_F(ProcessFaults, Fault16AWriteThatNeverComesBackDoesNotHoldUpAnEnd) {
+  const auto agent =
+      Watching({"--output", "-", "--output", folder.Path("alerts")}, WithFailing("write@alerts=HANG#2"));
+  for (const char* const name : {"first", "second"}) {
+    etc.AppendPasswd(RootLine(name));
+    EXPECT_EQ(agent->NextAlert(soon), AlertFor(name)) << "one output holds up another";
+  }
+  const auto start = std::chrono::steady_clock::now();
+  agent->Send(SIGTERM);
+  EXPECT_EQ(agent->ExitCode(), 5);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(emulated ? 10 : 5));
+  const std::string log = agent->RestOfLog();
+  EXPECT_THAT(log, HasSubstr("does not end; its event may have arrived"));
+  EXPECT_THAT(log, HasSubstr(R"(not delivered: {"eventType":"unauthorized-root-user")"));
+}
+
 TEST_F(ProcessFaults, Fault17WheneverItIsKilledTheNextOneReportsEveryStandingAccount) {
   const unsigned seed = std::random_device()();
   RecordProperty("seed", std::to_string(seed));
