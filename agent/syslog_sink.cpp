@@ -153,8 +153,14 @@ EventOutput::Outcome SyslogSink::Write(const std::string& event, milliseconds pa
   errno = 0;
   openlog("velta-agent", LOG_PID | LOG_NDELAY, facility);
   syslog(severity, "%s%s", cookie, event.c_str());
-  const int cause = errno;
+  int cause = errno;
   closelog();
+  // That the daemon went away after the first look is not always told by errno; then nobody is there now,
+  // either.
+  if (cause == 0) {
+    const Probe again;
+    cause = again.Cause() == EAGAIN ? 0 : again.Cause();
+  }
   return cause == 0 ? Outcome::Delivered : Fail(cause);
 }
 
