@@ -12,6 +12,8 @@ Beat::Beat(microseconds watchdog, Time now) : period(watchdog / 2) {
 
 void Beat::NoteChange(Time now) { stateDue = stateDue.value_or(now + settling); }
 
+void Beat::RetryState(Time now) { stateDue = now + retryInterval; }
+
 bool Beat::TakeState(Time now) {
   const bool due = stateDue && *stateDue <= now;
   if (due) {

@@ -19,7 +19,7 @@ class Beat {
 
   // Changes on each other's heels are told of together.
   static constexpr std::chrono::milliseconds settling{250};
-  // How soon a life sign is tried again that could not be given.
+  // How soon is tried again what the manager could not be told.
   static constexpr std::chrono::milliseconds retryInterval{1000};
 
   // watchdog: how long the manager waits for a life sign; zero: it waits for none.
@@ -29,6 +29,9 @@ class Beat {
 
   // True when the state is to be told of now; counts as done.
   bool TakeState(Time now);
+
+  // It could not be told of.
+  void RetryState(Time now);
 
   // True when a life sign is to be given now; GaveSign says what came of it.
   bool SignIsDue(Time now) const { return nextSign && *nextSign <= now; }

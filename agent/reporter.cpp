@@ -28,7 +28,10 @@ void Reporter::TookPolicy(bool detects) {
   detection = detects;
 }
 
-void Reporter::Ready() { TellState("READY=1"); }
+void Reporter::Ready() {
+  readyUntold = true;
+  TellState();
+}
 
 void Reporter::Reloading() { manager.Tell("RELOADING=1"); }
 
@@ -42,7 +45,7 @@ void Reporter::TellDue() noexcept {
     }
     if (beat.TakeState(now)) {
       sources.changes.Take();
-      TellState("");
+      TellState();
     }
   } catch (const std::bad_alloc&) {  // told of when there is memory again
     beat.NoteChange(now);
@@ -68,14 +71,12 @@ AgentStatus Reporter::Status() const {
   return status;
 }
 
-// lines: what the manager is told beside the state.
-void Reporter::TellState(const std::string& lines) {
+void Reporter::TellState() {
   const AgentStatus status = Status();
   if (manager.IsThere()) {
     const std::string line = SafeText(StatusLine(status));
-    if (line != toldLine || !lines.empty()) {
-      manager.Tell((lines.empty() ? "" : lines + "\n") + "STATUS=" + line);
-      toldLine = line;
+    if (readyUntold || line != toldLine) {
+      TellManager(line);
     }
   }
   if (!file.Write(StatusJson(status)) && file.Error() != fileError) {
@@ -83,6 +84,17 @@ void Reporter::TellState(const std::string& lines) {
                          "status file: " + file.Error() + "; --status will not find this agent");
   }
   fileError = file.Error();
+}
+
+// What could not be told is told later: a manager that waits for an agent to be ready ends it when it has
+// waited long enough.
+void Reporter::TellManager(const std::string& line) {
+  if (manager.Tell((readyUntold ? "READY=1\nSTATUS=" : "STATUS=") + line)) {
+    readyUntold = false;
+    toldLine = line;
+  } else {
+    beat.RetryState(Now());
+  }
 }
 
 // What keeps the sign from being given is told once; it is looked at again soon, since the thread may only

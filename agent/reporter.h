@@ -47,7 +47,8 @@ class Reporter {
 
  private:
   AgentStatus Status() const;
-  void TellState(const std::string& lines);
+  void TellState();
+  void TellManager(const std::string& line);
   void GiveSign(Beat::Time now);
 
   const Sources sources;
@@ -60,6 +61,7 @@ class Reporter {
   std::string fileError;  // as it was told
   ServiceManager manager;
   std::string toldLine;
+  bool readyUntold = false;  // the manager waits for it
   Beat beat;
   Pulse pulse;
   bool stuckTold = false;

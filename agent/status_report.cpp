@@ -86,7 +86,7 @@ bool HasTrouble(const json& content) {
     }
   }
   return !TextIn(ObjectIn(content, "reading"), "obstacle").empty() ||
-         IsOn(ObjectIn(content, "watch"), "polls");
+         IsOn(ObjectIn(content, "watch"), "polls") || !IsOn(ObjectIn(content, "policy"), "detects");
 }
 
 }  // namespace

@@ -33,6 +33,16 @@ TEST(BeatTest, ChangesOnEachOthersHeelsAreToldOfOnceAndNotPutOffByLaterOnes) {
   EXPECT_EQ(beat.NextDue(), std::nullopt);
 }
 
+TEST(BeatTest, AStateThatCouldNotBeToldIsTriedAgainSoon) {
+  Beat beat(microseconds::zero(), start);
+  beat.NoteChange(start);
+  EXPECT_TRUE(beat.TakeState(start + Beat::settling));
+  beat.RetryState(start + Beat::settling);
+  EXPECT_EQ(beat.NextDue(), start + Beat::settling + Beat::retryInterval);
+  EXPECT_TRUE(beat.TakeState(start + Beat::settling + Beat::retryInterval));
+  EXPECT_EQ(beat.NextDue(), std::nullopt);
+}
+
 TEST(BeatTest, ASignOfLifeIsDueAtHalfOfTheWatchdogsTime) {
   Beat beat(seconds(60), start);
   EXPECT_EQ(beat.NextDue(), start + seconds(30));

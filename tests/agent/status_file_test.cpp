@@ -7,12 +7,14 @@
 
 #include <atomic>
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "agent/agent_status.h"
 #include "agent/options.h"
 #include "agent/status_report.h"
 #include "tests/support/temporary_folder.h"
@@ -125,7 +127,7 @@ const char trouble[] =
 
 const char health[] =
     R"({"eventType":"agent-status","eventTime":"2026-11-21 07:35:00","eventContent":{"version":"1","process":7,)"
-    R"("since":"2026-11-21 07:34:42","policy":{"file":"","since":"2026-11-21 07:34:43","detects":false},)"
+    R"("since":"2026-11-21 07:34:42","policy":{"file":"","since":"2026-11-21 07:34:43","detects":true},)"
     R"("reading":{"file":"/etc/passwd","count":0,"last":"","obstacle":""},"watch":{"watches":3,"polls":false},)"
     R"("outputs":[{"output":"-","state":"untried","sent":0,"waiting":0,"deferred":0,"lost":0,"lastError":"",)"
     R"("lastErrorTime":""}],"lastError":{"time":"","text":""}}})";
@@ -154,7 +156,7 @@ TEST_F(StatusFileTest, HealthIsShownAndEndsWithZero) {
   const StatusReport report = ReportStatus(path, false);
   EXPECT_EQ(report.output,
             "velta-agent 1, process 7, since 2026-11-21 07:34:42 UTC\n"
-            "policy    built in, since 2026-11-21 07:34:43 UTC: detection off\n"
+            "policy    built in, since 2026-11-21 07:34:43 UTC: detection on\n"
             "reading   /etc/passwd: 0 begun, the last never\n"
             "watching  3 watches\n"
             "output    -: untried; 0 sent, 0 waiting (0 deferred by the limit), 0 lost\n"
@@ -163,6 +165,16 @@ TEST_F(StatusFileTest, HealthIsShownAndEndsWithZero) {
   const StatusReport asJson = ReportStatus(path, true);
   EXPECT_EQ(asJson.output, std::string(health) + "\n");
   EXPECT_EQ(asJson.exitCode, EXIT_DONE);
+}
+
+TEST_F(StatusFileTest, AnAgentThatDetectsNothingNeedsALook) {
+  const std::string off =
+      std::regex_replace(std::string(health), std::regex("\"detects\":true"), "\"detects\":false");
+  StatusFile file(path);
+  ASSERT_TRUE(file.Write(off));
+  const StatusReport report = ReportStatus(path, false);
+  EXPECT_THAT(report.output, HasSubstr(": detection off\n"));
+  EXPECT_EQ(report.exitCode, EXIT_ALERTS);
 }
 
 TEST_F(StatusFileTest, WithoutARunningAgentNothingIsPrintedAsTheState) {
@@ -176,6 +188,24 @@ TEST_F(StatusFileTest, WithoutARunningAgentNothingIsPrintedAsTheState) {
     folder.Write("status.json", text);
     EXPECT_THAT(ReportStatus(path, false).errors, HasSubstr("not the status of an agent")) << text;
   }
+}
+
+TEST(ReadingRecordTest, WhyReadingsFindNothingIsKeptUntilOneMayBeginWithoutAReason) {
+  using Answer = TaskScheduler::Permission::Answer;
+  ReadingRecord record;
+  const ReadingRecord::Time now;
+  record.Asked({Answer::No, "a folder"}, now);
+  EXPECT_EQ(record.Now().obstacle, "a folder");
+  EXPECT_EQ(record.Now().count, 0u);
+  record.Asked({Answer::NotYet, ""}, now);
+  EXPECT_EQ(record.Now().obstacle, "a folder");
+  record.Asked({Answer::Yes, "missing"}, now);
+  EXPECT_EQ(record.Now().obstacle, "missing");
+  EXPECT_EQ(record.Now().count, 1u);
+  EXPECT_TRUE(record.Now().runningSince);
+  record.Asked({Answer::Yes, ""}, now);
+  EXPECT_EQ(record.Now().obstacle, "");
+  EXPECT_EQ(record.Now().count, 2u);
 }
 
 }  // namespace
