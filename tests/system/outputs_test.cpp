@@ -130,6 +130,15 @@ class Outputs : public AgentFixture {
     return RunToTheEnd(arguments);
   }
 
+  // The state that has the text, or the one after many questions.
+  Outcome StatusWith(const std::string& text) const {
+    Outcome outcome = Status();
+    for (int attempt = 0; attempt < 1000 && outcome.output.find(text) == std::string::npos; ++attempt) {
+      outcome = Status();
+    }
+    return outcome;
+  }
+
   PrivateDev dev;
   const std::string statusPath = folder.Path("status.json");
 };
@@ -227,21 +236,20 @@ TEST_F(Outputs, ARunningAgentTellsOfItselfAndOneThatHasEndedDoesNot) {
   const auto agent = Watching({"--syslog", "--output", "-", "--status-file", statusPath});
   etc.AppendPasswd(RootLine("toor"));
   EXPECT_EQ(agent->NextAlert(), AlertFor("toor"));
-  Outcome outcome = Status();
-  for (int attempt = 0; attempt < 1000 && outcome.output.find("syslog: ok; 1 sent") == std::string::npos;
-       ++attempt) {
-    outcome = Status();
-  }
-  EXPECT_EQ(outcome.exitCode, 0) << outcome.errors;
-  EXPECT_THAT(outcome.output, HasSubstr(", process " + std::to_string(agent->Process()) + ", since "));
-  EXPECT_THAT(outcome.output, HasSubstr("policy    built in, since "));
-  EXPECT_THAT(outcome.output, HasSubstr("reading   /etc/passwd: "));
-  EXPECT_THAT(outcome.output,
-              HasSubstr("output    standard output: ok; 1 sent, 0 waiting (0 deferred by the limit), 0 lost\n"
-                        "output    syslog: ok; 1 sent, 0 waiting (0 deferred by the limit), 0 lost\n"));
+  StatusWith("syslog: ok; 1 sent");
+  etc.AppendPasswd(RootLine("again"));  // after the state has been told once
+  EXPECT_EQ(agent->NextAlert(), AlertFor("again"));
+  const Outcome running = StatusWith("syslog: ok; 2 sent");
+  EXPECT_EQ(running.exitCode, 0) << running.errors;
+  EXPECT_THAT(running.output, HasSubstr(", process " + std::to_string(agent->Process()) + ", since "));
+  EXPECT_THAT(running.output, HasSubstr("policy    built in, since "));
+  EXPECT_THAT(running.output, HasSubstr("reading   /etc/passwd: "));
+  EXPECT_THAT(running.output,
+              HasSubstr("output    standard output: ok; 2 sent, 0 waiting (0 deferred by the limit), 0 lost\n"
+                        "output    syslog: ok; 2 sent, 0 waiting (0 deferred by the limit), 0 lost\n"));
   EXPECT_THAT(Status({"--json"}).output, testing::StartsWith(R"({"eventType":"agent-status","eventTime":")"));
   ExpectOrderlyEnd(*agent);
-  outcome = Status();
+  const Outcome outcome = Status();
   EXPECT_EQ(outcome.exitCode, 10);
   EXPECT_EQ(outcome.output, "");
   EXPECT_EQ(outcome.errors,
