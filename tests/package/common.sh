@@ -19,6 +19,16 @@ same() {
   fail "$1"
 }
 
+# agent_files SOURCES: every file that the agent's package should have, with its mode and owner. Of some folders all
+# that is in them.
+agent_files() {
+  cat "$(dirname "$0")/velta-agent.contents"
+  {
+    (cd "$1/packaging" && find fleet sigma -type f ! -path '*/__pycache__/*')
+    (cd "$1/docs" && find schema -type f)
+  } | sed 's@^@-rw-r--r-- root/root /usr/share/doc/velta-agent/examples/@'
+}
+
 # in_namespaces UNSHARE_OPTION... -- ARGUMENT...: starts the script once more in namespaces of its own, and returns to it
 # there, with a file system in memory at $work. Everything that is mounted, and every process, goes with it.
 in_namespaces() {

@@ -2,31 +2,25 @@
 # Called by runs_as_the_unit_says.sh in namespaces of its own: makes a root in memory, moves into it, and becomes
 # systemd. From the machine only /usr is there, below a layer that takes what is written.
 set -eu
-root=$1 out=$2 unit=$3 agent=$4 module=$5 policy=$6 driver=$7
-skip() {
-  echo "$1" >"$out/skip"
-  exit 1
-}
+root=$1 out=$2 tree=$3 driver=$4
 
 mount -t tmpfs -o mode=755 tmpfs "$root"
 cd "$root"
 mkdir -p upper work usr etc proc sys dev run tmp var/log var/lib root home out old
 chmod 1777 tmp
-mount -t overlay -o "lowerdir=/usr,upperdir=$root/upper,workdir=$root/work" overlay usr 2>/dev/null ||
-  skip "no overlay can be mounted here"
+mount -t overlay -o "lowerdir=/usr,upperdir=$root/upper,workdir=$root/work" overlay usr
 for link in bin sbin lib lib32 lib64 libx32; do
-  if [ -L "/$link" ]; then cp -a "/$link" .; elif [ -d "/$link" ]; then skip "/$link is no link into /usr"; fi
+  if [ -L "/$link" ]; then cp -a "/$link" .; fi
 done
 for part in passwd group shadow gshadow login.defs ld.so.cache ld.so.conf ld.so.conf.d nsswitch.conf default pam.d \
   security localtime os-release skel; do
   if [ -e "/etc/$part" ]; then cp -a "/etc/$part" etc/; fi
 done
 echo 0123456789abcdef0123456789abcdef >etc/machine-id
-mkdir -p etc/velta-agent usr/lib/velta units
-cp "$policy" etc/velta-agent/policy.json
-cp "$agent" usr/bin/velta-agent
-cp "$module" usr/lib/velta/libvelta_detect-user.so
-cp "$unit" units/velta-agent.service
+cp -r "$tree/." .
+mkdir units
+cp usr/lib/systemd/system/velta-agent.service units/
+cp usr/local/lib/systemd/system/velta-agent.service units/velta-agent-elsewhere.service
 cp "$driver" driver.sh
 
 mount --bind "$out" out
@@ -36,8 +30,8 @@ for device in null zero full random urandom tty; do
   : >"dev/$device"
   mount --bind "/dev/$device" "dev/$device"
 done
-: >out/manager
-ln -s /out/manager dev/console # what the manager says
+: >dev/console # what the manager says, on the terminal that it was given
+mount --bind "$(tty)" dev/console
 ln -s pts/ptmx dev/ptmx
 mkdir dev/shm dev/pts dev/mqueue dev/hugepages
 mount -t devpts -o newinstance,ptmxmode=666,mode=620 devpts dev/pts
