@@ -11,6 +11,8 @@ import subprocess
 import sys
 import time
 
+import valid_events
+
 skipped = 77  # CTest's SKIP_RETURN_CODE
 patience = 25  # seconds; only what is broken ever takes so long
 room = pathlib.Path("/mnt")  # covered by a file system in memory, which all namespaces see
@@ -117,11 +119,13 @@ class Node:
     """One machine, with the rsyslogd of Debian and its rsyslog.conf."""
 
     all = []
+    furnish = furnish
 
     def __init__(self, name, switch):
         self.name = name
         self.holder = subprocess.Popen(["unshare", "--net", "--mount", "--uts", "--propagation", "private", "sh", "-c",
-                                        furnish, "sh", name], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+                                        self.furnish, "sh", name], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                       text=True)
         if self.holder.stdout.readline() != "ready\n":
             raise AssertionError("no host " + name)
         self.pid = self.holder.pid
@@ -173,11 +177,24 @@ class Node:
 class Host(Node):
     """With the real agent, which is nobody there."""
 
+    events = "/var/log/velta-agent/alerts.jsonl"
+
     def __init__(self, name, switch, agent, options):
         super().__init__(name, switch)
         self.expected = []  # the names that became root; one reading of several reports them in an order of its own
-        self.agent_command = ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", agent, "--limit",
-                              "0", *options]
+        self.agent_command = ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups",
+                              self.take(pathlib.Path(agent)), *options]
+
+    def take(self, agent):
+        """Where nobody may run it: the folder of a build may be closed to others."""
+        module = agent.parent / "libvelta_detect-user.so"
+        if not module.exists():
+            return str(agent)  # it is installed
+        folder = self.file("/run/velta-built")
+        folder.mkdir()
+        for file in [agent, module]:
+            shutil.copy(file, folder)
+        return "/run/velta-built/" + agent.name
 
     def start_agent(self):
         self.agent = self.start(*self.agent_command, log="/var/log/agent")
@@ -192,10 +209,22 @@ class Host(Node):
         self.run("useradd", "-o", "-u", "0", "-M", name)
         self.expected.append(name)
 
-    def add_line(self, name):
+    def add_line(self, name, home="/"):
         with open(self.file("/etc/passwd"), "a") as passwd:
-            passwd.write("%s:x:0:0::/:/bin/sh\n" % name)
+            passwd.write("%s:x:0:0::%s:/bin/sh\n" % (name, home))
         self.expected.append(name)
+
+    def text(self, path=events):
+        file = self.file(path)
+        return file.read_text() if file.exists() else ""
+
+    def lines_at(self, path=events):
+        """The lines of a file, each with the offset of its beginning."""
+        found, at = [], 0
+        for line in self.text(path).splitlines(keepends=True):
+            found.append((at, line.rstrip("\n")))
+            at += len(line)  # ASCII, as the agent writes it
+        return found
 
 
 class Collector(Node):
@@ -208,9 +237,22 @@ class Collector(Node):
         text = file.read_text() if file.exists() else ""
         return text.split("\n")[:-1]
 
+    def records(self, host):
+        """The lines of that host: where each event begins there, and the event as it was written there."""
+        mine = [line for line in self.lines() if json.loads(line)["host"] == host.name]
+        return [(int(json.loads(line)["at"]), line.split(',"event":', 1)[1][:-1]) for line in mine]
+
     def names(self, host):
-        """Of the accounts that were reported from there, each once, in the order of the file there."""
-        records = [json.loads(line) for line in self.lines()]
-        records = [record for record in records if record["host"] == host.name]
-        records.sort(key=lambda record: int(record["at"]))
-        return list(dict.fromkeys(record["event"]["eventContent"]["userName"] for record in records))
+        """Of the accounts that were reported from there, each once."""
+        return list(dict.fromkeys(json.loads(event)["eventContent"]["userName"] for _, event in self.records(host)))
+
+    def hold_to_schemas(self, hosts, folder):
+        """Every event that has come, and keeps them with those of the other tests."""
+        schemas = valid_events.Schemas(folder)
+        events = list(dict.fromkeys(event for host in hosts for _, event in self.records(host)))
+        assert events
+        faults = {event: schemas.faults_of(event) for event in events}
+        assert not any(faults.values()), faults
+        if "VELTA_EVENTS_FILE" in os.environ:
+            with open(os.environ["VELTA_EVENTS_FILE"], "a") as record:
+                record.write("".join(event + "\n" for event in events))

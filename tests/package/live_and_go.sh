@@ -13,7 +13,7 @@ mkdir -p "$root"/{usr/{bin,sbin,lib,lib32,lib64,libx32},etc,proc,dev,run,tmp,var
 for folder in bin sbin lib lib32 lib64 libx32; do ln -s usr/$folder "$root/$folder"; done
 mapfile -t essential < <(dpkg-query -W -f '${Essential} ${Package}\n' | sed -n 's/^yes //p')
 mapfile -t names < <(apt-cache depends --recurse --installed --no-recommends --no-suggests --no-conflicts --no-breaks \
-  --no-replaces --no-enhances "${essential[@]}" passwd libstdc++6 | grep '^[a-z0-9]' | sort -u |
+  --no-replaces --no-enhances "${essential[@]}" passwd libstdc++6 procps | grep '^[a-z0-9]' | sort -u |
   xargs dpkg-query -W -f '${db:Status-Status} ${binary:Package}\n' 2>/dev/null | sed -n 's/^installed //p' |
   grep -v ':i386$' | sort -u)
 [ ${#names[@]} -gt 30 ] || fail "the packages of the root were not found: ${names[*]}"
@@ -55,6 +55,7 @@ sees_a_root_account() {
   IFS= read -r -t $patience alert <&3 || { cat "$work/agent.log" >&2 && fail "no alert for $1"; }
   [[ $alert == *'"eventType":"unauthorized-root-user"'*"\"userName\":\"$1\",\"uid\":0,"* ]] || fail "another alert: $alert"
   echo "$alert"
+  [ -z "${VELTA_EVENTS_FILE:-}" ] || echo "$alert" >>"$VELTA_EVENTS_FILE" # held against its schema, with all others
   kill $!
   wait $! || code=$?
   [ $code -eq 0 ] || fail "the agent ended with code $code"

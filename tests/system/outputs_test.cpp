@@ -20,6 +20,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/event_record.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/system/agent_fixture.h"
 
@@ -93,6 +94,8 @@ class LogDaemon {
       }
       const std::string text(record.data(), static_cast<std::size_t>(size));
       if (text.find(" velta-agent[") != std::string::npos) {
+        static const std::string cookie = "@cee: ";
+        RecordEvent(text.substr(text.find(cookie) + cookie.size()));
         return WithoutTime(std::regex_replace(text, stamp, "$1"));
       }
     }
@@ -162,7 +165,7 @@ TEST_F(Outputs, SyslogAloneTakesNothingToStandardOutputAndHasTheSeverityThatIsAs
 }
 
 TEST_F(Outputs, Fault16ALogDaemonThatComesLateOrStartsAgainGetsEveryAlertOnce) {
-  const auto agent = Watching({"--syslog", "--output", "-"});
+  const auto agent = Watching({"--syslog", "--output", "-", "--status-file", statusPath});
   etc.AppendPasswd(RootLine("before"));
   EXPECT_EQ(agent->NextAlert(), AlertFor("before")) << "nobody at the socket holds up no other output";
   EXPECT_THAT(agent->LogUntil("/dev/log"),
@@ -170,6 +173,8 @@ TEST_F(Outputs, Fault16ALogDaemonThatComesLateOrStartsAgainGetsEveryAlertOnce) {
                         "events are kept and tried again"));
   auto daemon = std::make_unique<LogDaemon>();
   EXPECT_EQ(daemon->Next(), RecordFor(*agent, "before"));
+  // A daemon that goes before the agent has looked whether it is still there gets the record once more.
+  EXPECT_THAT(StatusWith("syslog: ok; 1 sent").output, HasSubstr("syslog: ok; 1 sent"));
   daemon.reset();  // its socket stays, without a listener
   etc.AppendPasswd(RootLine("between"));
   EXPECT_EQ(agent->NextAlert(), AlertFor("between"));
@@ -179,6 +184,7 @@ TEST_F(Outputs, Fault16ALogDaemonThatComesLateOrStartsAgainGetsEveryAlertOnce) {
   EXPECT_EQ(daemon->Next(), RecordFor(*agent, "between"));
   EXPECT_EQ(daemon->Next(), RecordFor(*agent, "after"));
   EXPECT_EQ(agent->NextAlert(), AlertFor("after"));
+  EXPECT_THAT(StatusWith("syslog: ok; 3 sent").output, HasSubstr("syslog: ok; 3 sent"));
   daemon = std::make_unique<LogDaemon>();  // in the place of the one before, without the agent's noticing
   etc.AppendPasswd(RootLine("anew"));
   EXPECT_EQ(daemon->Next(), RecordFor(*agent, "anew"));

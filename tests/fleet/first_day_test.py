@@ -1,0 +1,93 @@
+#!/usr/bin/python3
+"""first_day_test.py PACKAGES SOURCE_FOLDER
+
+What somebody does on the first day: installs the package with apt-get, takes the configuration of rsyslog that comes
+with it, starts the agent as an ordinary user, and makes an account that is root. The alert goes through syslog to a
+collector on another host.
+
+The host is an overlay of this machine: apt-get and dpkg find the packages that are here, and change nothing of it. It
+has no network but the switch, so nothing can be fetched."""
+
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+
+import fleet
+
+packages, sources = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2])
+fleet.require_tools(["apt-get", "dpkg-query", "rsyslogd", "ip", "unshare", "nsenter", "setpriv", "useradd"])
+fleet.enter_namespaces()
+
+
+def require_an_overlay():
+    for folder in ["/etc", "/usr", "/var", "/var/lib"]:
+        if os.path.ismount(folder):
+            print("SKIPPED:", folder, "is a file system of its own here, and would not be in an overlay of /")
+            sys.exit(fleet.skipped)
+    attempt = subprocess.run(["unshare", "--mount", "sh", "-c", "cd /mnt && mkdir try try/upper try/work try/root && "
+                              "mount -t overlay try -o lowerdir=/,upperdir=try/upper,workdir=try/work try/root"],
+                             capture_output=True, text=True)
+    if attempt.returncode != 0:
+        print("SKIPPED: this machine refuses an overlay of /:", attempt.stderr.strip())
+        sys.exit(fleet.skipped)
+
+
+class Overlay(fleet.Host):
+    furnish = r"""
+set -e
+echo "$1" >/proc/sys/kernel/hostname
+mkdir "/mnt/$1" && cd "/mnt/$1"
+mkdir upper work root
+mount -t overlay own -o lowerdir=/,upperdir=upper,workdir=work root
+cd root
+for folder in dev run tmp var/log var/mail var/spool; do mount -t tmpfs -o mode=755 own $folder; done
+mount -t proc proc proc
+for device in null zero full random urandom; do
+  touch dev/$device && mount --bind /dev/$device dev/$device
+done
+mkdir -p var/spool/rsyslog var/log/apt
+awk -F: '$3 != 0 || $1 == "root"' etc/passwd >run/passwd && cat run/passwd >etc/passwd
+ip link set lo up
+echo ready
+exec chroot . cat
+"""
+
+    def install(self, package):
+        shutil.copy(package, self.file("/tmp"))
+        no_sources = ["-o", "Dir::Etc::SourceList=/dev/null", "-o", "Dir::Etc::SourceParts=/dev/null"]
+        # --reinstall: for a machine that has the package already.
+        self.run("env", "DEBIAN_FRONTEND=noninteractive", "apt-get", *no_sources, "install", "--assume-yes",
+                 "--reinstall", "--no-install-recommends", "/tmp/" + package.name, timeout=60)
+
+
+require_an_overlay()
+switch = fleet.Switch()
+collector = fleet.Collector("collector", switch)
+host = Overlay("host", switch, "/usr/bin/velta-agent", ["--syslog"])
+
+package, = packages.glob("velta-agent_*.deb")
+host.install(package)
+state = host.run("dpkg-query", "-W", "-f", "${db:Status-Status}", "velta-agent")
+assert state == "installed", state
+examples = host.file("/usr/share/doc/velta-agent/examples/fleet/rsyslog")
+in_the_clear = {"VELTA_TLS": "off", "VELTA_TLS_CA": "/dev/null", "VELTA_TLS_CERTIFICATE": "/dev/null",
+                "VELTA_TLS_KEY": "/dev/null"}
+host.configure_rsyslog(sorted((examples / "host").glob("3*")),
+                       {**fleet.environment_in(examples / "host/velta-host.env"), **in_the_clear,
+                        "VELTA_COLLECTOR": collector.address})
+collector.configure_rsyslog((examples / "collector").glob("*.conf"),
+                            {**fleet.environment_in(examples / "collector/velta-collector.env"), **in_the_clear})
+collector.start_rsyslog()
+host.start_rsyslog()
+host.start_agent()
+user = host.run("stat", "-c", "%u", "/proc/%d" % host.agent.pid).strip()
+assert user == "65534", "the agent is the user " + user
+
+host.add_account("intruder")
+fleet.wait_for(lambda: "the alert at the collector: %s" % collector.lines(), lambda: collector.names(host))
+assert collector.names(host) == ["intruder"], collector.lines()
+collector.hold_to_schemas([host], sources / "docs/schema")
+print("\n".join(collector.lines()))
+assert host.end_agent() == 0
