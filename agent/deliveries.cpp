@@ -9,8 +9,10 @@ using std::chrono::milliseconds;
 
 Deliveries::Deliveries(std::vector<std::unique_ptr<EventOutput>> outputs, Logger& logger,
                        unsigned eventsPerMinute, const std::function<void()>& whenChanged) {
+  const bool alone = outputs.size() == 1;
   for (std::unique_ptr<EventOutput>& output : outputs) {
-    deliveries.push_back(std::make_unique<Delivery>(std::move(output), logger, eventsPerMinute, whenChanged));
+    deliveries.push_back(
+        std::make_unique<Delivery>(std::move(output), logger, eventsPerMinute, whenChanged, alone));
   }
 }
 

@@ -46,8 +46,8 @@ class Deliveries : public EventQueue {
  private:
   struct Delivery {
     Delivery(std::unique_ptr<EventOutput> eventOutput, Logger& logger, unsigned eventsPerMinute,
-             const std::function<void()>& whenChanged)
-        : output(std::move(eventOutput)), queue(*output, logger, eventsPerMinute, whenChanged) {}
+             const std::function<void()>& whenChanged, bool alone)
+        : output(std::move(eventOutput)), queue(*output, logger, eventsPerMinute, whenChanged, alone) {}
 
     const std::unique_ptr<EventOutput> output;
     SendQueue queue;

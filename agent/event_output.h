@@ -22,6 +22,9 @@ class EventOutput {
   // Waits for a slow reader no longer than patience.
   virtual Outcome Write(const std::string& event, std::chrono::milliseconds patience) = 0;
 
+  // Whether a Write without patience returns at once when nobody reads, and however slow the file system is.
+  virtual bool NeverWaits() const { return false; }
+
   virtual const std::string& Error() const = 0;
   virtual const std::string& Name() const = 0;
 };

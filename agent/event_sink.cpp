@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,17 +48,37 @@ EventSink::EventSink(const std::string& outputPath)
   if (IsStandardOutput()) {
     descriptor = STDOUT_FILENO;
     regular = IsRegular(descriptor);
+    UsePipeOfOwn();
   } else if (!OpenFile() && errno != ENXIO) {  // ENXIO: a FIFO whose reader is still to come
     throw std::runtime_error(error);
   }
 }
 
-EventSink::~EventSink() { Close(); }
+EventSink::~EventSink() {
+  Close();
+  if (pipeOfOwn) {
+    close(descriptor);
+  }
+}
 
 void EventSink::Close() {
   if (descriptor >= 0 && !IsStandardOutput()) {
     close(descriptor);
     descriptor = -1;
+  }
+}
+
+// A pipe that is standard output, opened once more: it can then be made non-blocking, which the descriptor
+// that others share must not be. Refused for a pipe of another user's; without it, all is as for any stream.
+void EventSink::UsePipeOfOwn() {
+  struct stat status = {};
+  if (fstat(STDOUT_FILENO, &status) != 0 || !S_ISFIFO(status.st_mode)) {
+    return;
+  }
+  const int own = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  if (own >= 0) {
+    descriptor = own;
+    pipeOfOwn = true;
   }
 }
 
@@ -137,20 +158,25 @@ EventSink::Outcome EventSink::WriteRegular(const std::string& record) {
 }
 
 // In pieces that a pipe which is ready takes at once: the descriptor may be shared with a terminal or a
-// shell, so it is not made non-blocking.
+// shell, so it is not made non-blocking. One that is the agent's alone need not be asked first.
 EventSink::Outcome EventSink::WriteStream(const std::string& record, milliseconds patience) {
   const auto deadline = std::chrono::steady_clock::now() + patience;
+  bool mustAsk = !pipeOfOwn;
   while (sent < record.size()) {
-    const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
-    pollfd writable = {descriptor, POLLOUT, 0};
-    const int ready = poll(&writable, 1, static_cast<int>(std::max(left, milliseconds::zero()).count()));
-    if (ready == 0 || (ready < 0 && errno == EINTR)) {
-      return Outcome::Blocked;
+    if (mustAsk) {
+      const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+      pollfd writable = {descriptor, POLLOUT, 0};
+      const int ready = poll(&writable, 1, static_cast<int>(std::max(left, milliseconds::zero()).count()));
+      if (ready == 0 || (ready < 0 && errno == EINTR)) {
+        return Outcome::Blocked;
+      }
     }
     const std::size_t piece = std::min<std::size_t>(record.size() - sent, PIPE_BUF);
     const ssize_t written = write(descriptor, record.data() + sent, piece);
     if (written >= 0) {
       sent += static_cast<std::size_t>(written);
+    } else if (errno == EAGAIN && !mustAsk) {
+      mustAsk = true;
     } else if (errno == EAGAIN || errno == EINTR) {
       return Outcome::Blocked;
     } else {

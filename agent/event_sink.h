@@ -26,11 +26,13 @@ class EventSink : public EventOutput {
   // Writes the event and a newline.
   Outcome Write(const std::string& event, std::chrono::milliseconds patience) override;
 
+  bool NeverWaits() const override { return pipeOfOwn; }
   const std::string& Error() const override { return error; }
   const std::string& Name() const override { return name; }
 
  private:
   bool IsStandardOutput() const { return path.empty(); }
+  void UsePipeOfOwn();
   bool OpenFile();  // false, with the error set, when that failed
   void Close();
   bool FileWasReplaced() const;
@@ -42,6 +44,7 @@ class EventSink : public EventOutput {
   std::string name;
   int descriptor = -1;
   bool regular = false;
+  bool pipeOfOwn = false;     // the descriptor is a non-blocking one, of standard output
   bool needsNewline = false;  // the output ends in a piece of a record
   std::size_t sent = 0;       // of the current record, to a stream
   std::string error;

@@ -36,10 +36,11 @@ bool DeliveryState::LooksLike(const DeliveryState& other) const {
 }
 
 SendQueue::SendQueue(EventOutput& eventOutput, Logger& queueLogger, unsigned eventsPerMinute,
-                     std::function<void()> whenChanged)
+                     std::function<void()> whenChanged, bool alone)
     : sink(eventOutput),
       logger(queueLogger),
       reportChange(std::move(whenChanged)),
+      deliversOnPush(alone && eventOutput.NeverWaits()),
       lanes{Waiting(longestQueue, eventsPerMinute),
             Waiting(longestFindings, ShareOfFindings(eventsPerMinute))},
       thread([this] { Deliver(); }) {}
@@ -55,7 +56,7 @@ SendQueue::~SendQueue() {
 
 void SendQueue::Push(const std::string& event, Lane lane) noexcept {
   {
-    std::lock_guard<std::mutex> lock(mutex);
+    std::unique_lock<std::mutex> lock(mutex);
     Waiting& waiting = lanes[lane == Lane::Alerts ? 0 : 1];
     if (waiting.bytes + Waiting::Cost(event) <= waiting.longest && waiting.Append(event)) {
       ++accepted;
@@ -63,8 +64,43 @@ void SendQueue::Push(const std::string& event, Lane lane) noexcept {
       waiting.lost.Add(event);  // told by the delivering thread
       ++lost;
     }
+    if (lane == Lane::Alerts && MayDeliverHereLocked(waiting)) {
+      DeliverHereLocked(lock, waiting);
+      if (IsEmptyLocked()) {
+        return;
+      }
+    }
   }
   changed.notify_one();
+}
+
+// Findings are left to the delivering thread: they may be many, and an alert may be on its way.
+bool SendQueue::MayDeliverHereLocked(Waiting& lane) {
+  const bool busy =
+      writing || begun != nullptr || draining || abandoned || stopping || outputFailed || failing;
+  if (!deliversOnPush || busy || CountLocked() != 1 || lane.events.size() != 1 || lane.lost.Count() > 0) {
+    return false;
+  }
+  const MinuteLimit::Time now = Now();
+  return lane.limit.NextAdmission(now) <= now;
+}
+
+// What does not get through is left to the delivering thread, also what there is to log of it.
+void SendQueue::DeliverHereLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) noexcept {
+  try {
+    const EventOutput::Outcome outcome = AttemptLocked(lock, lane, milliseconds::zero());
+    if (outcome == EventOutput::Outcome::Delivered && reportChange) {
+      lock.unlock();
+      reportChange();
+      lock.lock();
+    }
+  } catch (const std::bad_alloc&) {  // the event is still in the queue
+    if (!lock.owns_lock()) {
+      lock.lock();
+    }
+    writing = false;
+    delivered.notify_all();
+  }
 }
 
 // With what the containers take for it.
@@ -187,7 +223,7 @@ void SendQueue::Deliver() {
           AppendSummaryLocked(lock, lane);
         }
       }
-      if (CountLocked() == 0 || abandoned) {
+      if (CountLocked() == 0 || abandoned || writing) {
         changed.wait(lock);
       } else {
         DeliverDueLocked(lock);
@@ -257,13 +293,14 @@ void SendQueue::TellDeferringLocked(std::unique_lock<std::mutex>& lock, Waiting&
   ReportChangeLocked(lock);
 }
 
-EventOutput::Outcome SendQueue::AttemptLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) {
+EventOutput::Outcome SendQueue::AttemptLocked(std::unique_lock<std::mutex>& lock, Waiting& lane,
+                                              milliseconds patience) {
   std::string& event = lane.events.front();  // stays where it is while others are pushed behind it
   begun = &lane;  // also if the attempt ends in an exception: the output may hold a part of the event by then
   writing = true;
   writingSince = Now();
   lock.unlock();
-  const EventOutput::Outcome outcome = sink.Write(event, sinkPatience);
+  const EventOutput::Outcome outcome = sink.Write(event, patience);
   lock.lock();
   writing = false;
   begun = outcome == EventOutput::Outcome::Blocked ? &lane : nullptr;
@@ -304,7 +341,7 @@ void SendQueue::NoteConditionLocked(EventOutput::Outcome outcome) {
 }
 
 void SendQueue::DeliverNextLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) {
-  const News news = NewsLocked(AttemptLocked(lock, lane));
+  const News news = NewsLocked(AttemptLocked(lock, lane, sinkPatience));
   lock.unlock();
   Tell(news);
   lock.lock();

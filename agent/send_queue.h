@@ -49,7 +49,12 @@ struct DeliveryState {
 // Memory is bounded: beyond longestQueue bytes of waiting events new ones are lost. As soon as half of that
 // is free again, one event is queued that says how many were lost and whom they named; see LostEvents.
 //
-// Thread use: Push, Accepted and Drain on any thread; delivery on a thread of its own. Construction
+// An alert that has to wait for nothing leaves on the thread that pushes it, if the output never makes that
+// thread wait and is the only one: waking another thread takes longer than all that leads to the alert. The
+// price: a reader whose own memory is not there, and does not come, holds the detection up with the pipe. No
+// other output hears less for it, as there is none.
+//
+// Thread use: Push, Accepted and Drain on any thread; delivery otherwise on a thread of its own. Construction
 // throws std::system_error when no thread is to be had. Nothing is delivered any more after a Drain that gave
 // up.
 class SendQueue : public EventQueue {
@@ -57,10 +62,10 @@ class SendQueue : public EventQueue {
   static constexpr std::size_t longestQueue = std::size_t{64} << 20;  // bytes, of alerts
   static constexpr std::size_t longestFindings = std::size_t{8} << 20;
 
-  // 0 events a minute: no limit. whenChanged is called on the delivering thread after what it did has changed
-  // the state; it must not throw.
+  // 0 events a minute: no limit. whenChanged is called on a delivering thread after what it did has changed
+  // the state; it must not throw. alone: there is no other output.
   SendQueue(EventOutput& eventOutput, Logger& queueLogger, unsigned eventsPerMinute,
-            std::function<void()> whenChanged = nullptr);
+            std::function<void()> whenChanged = nullptr, bool alone = true);
 
   // Drops what has not been delivered; Drain comes before.
   ~SendQueue() override;
@@ -113,7 +118,10 @@ class SendQueue : public EventQueue {
   void DeliverDueLocked(std::unique_lock<std::mutex>& lock);
   void TellDeferringLocked(std::unique_lock<std::mutex>& lock, Waiting& lane);
   void DeliverNextLocked(std::unique_lock<std::mutex>& lock, Waiting& lane);
-  EventOutput::Outcome AttemptLocked(std::unique_lock<std::mutex>& lock, Waiting& lane);
+  bool MayDeliverHereLocked(Waiting& lane);
+  void DeliverHereLocked(std::unique_lock<std::mutex>& lock, Waiting& lane) noexcept;
+  EventOutput::Outcome AttemptLocked(std::unique_lock<std::mutex>& lock, Waiting& lane,
+                                     std::chrono::milliseconds patience);
 
   void NoteConditionLocked(EventOutput::Outcome outcome);
 
@@ -135,6 +143,7 @@ class SendQueue : public EventQueue {
   EventOutput& sink;
   Logger& logger;
   const std::function<void()> reportChange;
+  const bool deliversOnPush;
 
   mutable std::mutex mutex;  // guards what follows, down to the thread's own
   std::condition_variable changed;

@@ -1,6 +1,5 @@
 #include "host/string_process.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -13,6 +12,7 @@
 namespace {
 
 constexpr int notADigit = 36;
+constexpr std::size_t usualPieces = 7;  // of an account; counting them takes longer than the memory is worth
 
 // What isspace says in the C locale. The account file is not read in the language of whoever starts the
 // agent.
@@ -36,18 +36,6 @@ std::size_t Find(const std::string& separator, const std::string& text, std::siz
   return separator.size() == 1 ? text.find(separator.front(), start) : text.find(separator, start);
 }
 
-std::size_t CountOf(const std::string& separator, const std::string& text) {
-  if (separator.size() == 1) {
-    return static_cast<std::size_t>(std::count(text.begin(), text.end(), separator.front()));
-  }
-  std::size_t count = 0;
-  for (std::size_t found = text.find(separator); found != std::string::npos;
-       found = text.find(separator, found + separator.size())) {
-    ++count;
-  }
-  return count;
-}
-
 }  // namespace
 
 namespace Utils {
@@ -56,7 +44,7 @@ namespace StringProcess {
 // An empty separator separates nothing: the text is its only piece.
 std::vector<std::string> StrSplit(const std::string& text, const std::string& separator, bool skipEmpty) {
   std::vector<std::string> pieces;
-  pieces.reserve(separator.empty() ? 1 : CountOf(separator, text) + 1);
+  pieces.reserve(usualPieces);
   std::size_t start = 0;
   while (true) {
     const std::size_t end = separator.empty() ? std::string::npos : Find(separator, text, start);

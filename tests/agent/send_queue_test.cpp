@@ -1,5 +1,6 @@
 #include "agent/send_queue.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
@@ -13,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <regex>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -459,7 +461,7 @@ TEST_F(SendQueueTest, Fault14AnEventIsEitherDeliveredOrToldAsNotDelivered) {
 TEST_F(SendQueueTest, FindingsHaveAQuarterOfTheLimitBesideTheAlerts) {
   Open(8);
   for (int number = 0; number < 20; ++number) {
-    queue->Push("finding " + std::to_string(number), SendQueue::Lane::Findings);
+    queue->Push("finding " + std::to_string(number), EventQueue::Lane::Findings);
   }
   EXPECT_THAT(log.Next(),
               testing::MatchesRegex("warning send queue: the limit of events a minute is reached; "
@@ -482,7 +484,7 @@ TEST_F(SendQueueTest, AnAlertThatComesBetweenTheAttemptsOfAFindingDoesNotSplitIt
   LineReader reader(path);
   Open(noLimit);
   const std::string large(100000, 'f');  // more than the FIFO holds
-  queue->Push(large, SendQueue::Lane::Findings);
+  queue->Push(large, EventQueue::Lane::Findings);
   EXPECT_EQ(log.Next(),
             "warning send queue: " + path + " is not being read; events are kept and tried again");
   Push({"alert"});
@@ -495,7 +497,7 @@ TEST_F(SendQueueTest, AFloodOfFindingsTakesNoRoomOfTheAlerts) {
   Open(noLimit);
   const std::string large = LongAlert("large", SendQueue::longestFindings / 2);
   for (int number = 0; number < 5; ++number) {
-    queue->Push(large, SendQueue::Lane::Findings);
+    queue->Push(large, EventQueue::Lane::Findings);
   }
   EXPECT_EQ(queue->Accepted(), 2U);
   Push({"alert"});
@@ -535,6 +537,112 @@ TEST_F(SendQueueTest, EventsOfManyThreadsAreAllThereInTheOrderOfEachThread) {
     byThread.at(static_cast<std::size_t>(line[0] - '0')).push_back(line.substr(2));
   }
   EXPECT_THAT(byThread, testing::Each(Events(eventCount)));
+}
+
+// A pipe in the place of standard output.
+class OutputPipe {
+ public:
+  OutputPipe() : before(dup(STDOUT_FILENO)) {
+    if (pipe2(ends.data(), O_CLOEXEC) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) {
+      throw std::runtime_error("no pipe for standard output");
+    }
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+  }
+  ~OutputPipe() {
+    dup2(before, STDOUT_FILENO);
+    close(before);
+    close(ends[0]);
+    close(ends[1]);
+  }
+  OutputPipe(const OutputPipe&) = delete;
+  OutputPipe& operator=(const OutputPipe&) = delete;
+
+  // All that is there now.
+  std::string Take() const {
+    std::string text;
+    std::array<char, 4096> part{};
+    for (ssize_t size = 0; (size = read(ends[0], part.data(), part.size())) > 0;) {
+      text.append(part.data(), static_cast<std::size_t>(size));
+    }
+    return text;
+  }
+
+ private:
+  const int before;
+  std::array<int, 2> ends{};
+};
+
+TEST_F(SendQueueTest, AnAlertHasLeftWhenItIsPushedWhereNothingHoldsItUp) {
+  const OutputPipe output;
+  Open("-", noLimit);
+  for (const std::string& event : Events(1000)) {
+    queue->Push(event);
+    ASSERT_EQ(output.Take(), event + "\n");
+  }
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_EQ(queue->Accepted(), 1000U);
+  EXPECT_THAT(RestOfLog(), ElementsAre());
+}
+
+TEST_F(SendQueueTest, AnAlertThatMeetsAFullPipeFollowsWhatIsBeforeItAndNothingIsSplit) {
+  const OutputPipe output;
+  Open("-", noLimit);
+  const std::vector<std::string> events = Events(100, 2000);  // more than a pipe holds
+  Push(events);
+  queue->Push("finding", EventQueue::Lane::Findings);
+  std::string text;
+  while (text.size() < Lines(events).size() + 8) {
+    text += output.Take();
+  }
+  EXPECT_EQ(text, Lines(events) + "finding\n");
+  queue->Push("behind");
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_EQ(output.Take(), "behind\n");
+}
+
+TEST_F(SendQueueTest, Fault13TheLimitHoldsForAlertsThatCouldLeaveAtOnce) {
+  const OutputPipe output;
+  Open("-", 2);
+  Push(Events(3));
+  EXPECT_THAT(log.Next(), testing::HasSubstr("the limit of events a minute is reached; 1 or more wait"));
+  EXPECT_EQ(output.Take(), Lines(Events(2)));
+  EXPECT_TRUE(queue->Drain(generous));
+  EXPECT_EQ(output.Take(), "event 2\n");
+}
+
+TEST_F(SendQueueTest, AlertsOfManyThreadsLeaveAPipeInTheOrderOfEachThread) {
+  constexpr std::size_t threadCount = 4;
+  const OutputPipe output;
+  Open("-", noLimit);
+  std::vector<std::thread> threads;
+  for (std::size_t thread = 0; thread < threadCount; ++thread) {
+    threads.emplace_back([this, thread] {
+      for (const std::string& event : Events(250)) {
+        queue->Push(std::to_string(thread) + " " + event);
+      }
+    });
+  }
+  std::vector<std::string> expected(threadCount);
+  std::size_t left = 0;
+  for (std::size_t thread = 0; thread < threadCount; ++thread) {
+    for (const std::string& event : Events(250)) {
+      expected[thread] += std::to_string(thread) + " " + event + "\n";
+    }
+    left += expected[thread].size();
+  }
+  std::string text;
+  while (text.size() < left) {
+    text += output.Take();
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  std::vector<std::string> found(threadCount);
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    found.at(static_cast<std::size_t>(line[0] - '0')) += line + "\n";
+  }
+  EXPECT_EQ(found, expected);
 }
 
 TEST_F(SendQueueTest, AQueueEndsWhateverItsSinkDoes) {
