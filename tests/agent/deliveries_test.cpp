@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -176,6 +177,42 @@ TEST_F(DeliveriesTest, AnEventThatAnOutputRefusesIsCountedAsLostAndHoldsUpNothin
   EXPECT_EQ(deliveries->States()[0].sent, 1U);
   EXPECT_EQ(deliveries->States()[0].lastError, "held: no");
   EXPECT_EQ(logger.LastError().text, "send queue: held: no; it is left to the log: too long");
+}
+
+// Never makes anybody wait, and notes who comes.
+class QuickOutput : public EventOutput {
+ public:
+  explicit QuickOutput(std::vector<std::thread::id>& writingThreads) : writers(writingThreads) {}
+
+  Outcome Write(const std::string& /*event*/, milliseconds /*patience*/) override {
+    writers.push_back(std::this_thread::get_id());
+    return Outcome::Delivered;
+  }
+  bool NeverWaits() const override { return true; }
+  const std::string& Error() const override { return name; }
+  const std::string& Name() const override { return name; }
+
+ private:
+  const std::string name = "quick";
+  std::vector<std::thread::id>& writers;
+};
+
+TEST_F(DeliveriesTest, AnAlertLeavesOnTheThreadThatPushesItWhereThereIsOneOutput) {
+  for (const std::size_t count : {1U, 2U}) {
+    std::vector<std::thread::id> writers;
+    std::vector<std::unique_ptr<EventOutput>> outputs;
+    outputs.push_back(std::make_unique<QuickOutput>(writers));
+    if (count == 2) {
+      outputs.push_back(std::make_unique<EventSink>(folder.Path("events")));
+    }
+    Deliveries all(std::move(outputs), logger, noLimit);
+    all.Push("alert");
+    all.Push("finding", EventQueue::Lane::Findings);
+    EXPECT_TRUE(all.Drain(generous));
+    ASSERT_EQ(writers.size(), 2U);
+    EXPECT_EQ(writers[0] == std::this_thread::get_id(), count == 1) << count << " outputs";
+    EXPECT_NE(writers[1], std::this_thread::get_id()) << "a finding must not be in the way of an alert";
+  }
 }
 
 }  // namespace
