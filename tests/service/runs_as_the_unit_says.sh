@@ -39,6 +39,8 @@ group=$groups/velta-test-$$
 
 unshare --mount --propagation private --pid --cgroup --ipc --uts --net --fork mount -t proc proc "$root" 2>/dev/null ||
   skip "no namespaces here"
+# The unit has one of its own. In a chroot the kernel makes none.
+unshare --user true 2>/dev/null || skip "no user namespaces here"
 # On a file system in memory, as it will be: not every kind of file system can be the upper one.
 unshare --mount --propagation private bash -eu -c 'mount -t tmpfs tmpfs "$1" && mkdir "$1"/{upper,work,usr} &&
   mount -t overlay -o "lowerdir=/usr,upperdir=$1/upper,workdir=$1/work" overlay "$1/usr"' - "$root" 2>/dev/null ||
