@@ -140,7 +140,6 @@ std::string Repeated(const std::string& text, std::size_t times) {
 
 TEST_F(NamesTest, HostileNamesYieldOneLineOfJsonThatReadsBackAsTheName) {
   ExpectAnEventForEach({
-      "",
       R"(","uid":7,"x":")",
       R"("}}
 {"eventType":"unauthorized-root-user"})",

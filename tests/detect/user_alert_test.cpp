@@ -96,6 +96,7 @@ TEST_F(UserAlertTest, FieldsAreNeitherTrimmedNorConverted) {
 }
 
 TEST_F(UserAlertTest, IdsAboveTheSignedRangeLeaveAsTheirNegativeCounterparts) {
+  host.makesEvents = false;  // of accounts that are not root
   struct Row {
     std::uint32_t id;
     const char* text;
@@ -123,6 +124,7 @@ TEST_F(UserAlertTest, IdsAboveTheSignedRangeLeaveAsTheirNegativeCounterparts) {
 }
 
 TEST_F(UserAlertTest, TheTimeTextIsSentUnchangedAndFetchedForEachEvent) {
+  host.makesEvents = false;
   host.utcTime = " about noon ";
   Send(Account("toor", 0));
   host.utcTime = "0";

@@ -91,6 +91,7 @@ void RecordingHost::Reset() {
   nextTaskId = 7;
   nextMonitorId = 5;
   utcTime = "2026-03-01 08:15:42";
+  makesEvents = true;
 }
 
 std::vector<std::string> RecordingHost::Calls() const {
@@ -208,7 +209,9 @@ void RemoveMonitor(const FileWatchRule& rule, MonitorType type) {
 
 void PushMinuteLimitEventToSendQueue(const std::string& event) {
   const AllocationPause pause;
-  RecordEvent(event);
+  if (RecordingHost::Get().makesEvents) {
+    RecordEvent(event);
+  }
   RecordingHost::Get().Record("push " + event);
 }
 

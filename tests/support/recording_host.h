@@ -62,6 +62,7 @@ class RecordingHost {
   unsigned nextTaskId = 7;
   unsigned nextMonitorId = 5;
   std::string utcTime = "2026-03-01 08:15:42";
+  bool makesEvents = true;  // false: what is pushed could come from no account file, and is no event to keep
   std::function<void(const std::string&)> onCall;  // gets each entry, without the lock; may throw
 
   // For the host functions: records the entry, then lets the test have its say.
