@@ -12,7 +12,23 @@ Beat::Beat(microseconds watchdog, Time now) : period(watchdog / 2) {
 
 void Beat::NoteChange(Time now) { stateDue = stateDue.value_or(now + settling); }
 
-void Beat::RetryState(Time now) { stateDue = now + retryInterval; }
+void Beat::SentMessage(bool sent, Time now) {
+  if (sent) {
+    messageDue.reset();
+    messageRetry = retryInterval;
+    return;
+  }
+  messageDue = now + messageRetry;
+  messageRetry = std::min(messageRetry * 2, longestRetryInterval);
+}
+
+bool Beat::TakeMessage(Time now) {
+  const bool due = messageDue && *messageDue <= now;
+  if (due) {
+    messageDue.reset();
+  }
+  return due;
+}
 
 bool Beat::TakeState(Time now) {
   const bool due = stateDue && *stateDue <= now;
@@ -27,10 +43,13 @@ void Beat::GaveSign(bool given, Time now) {
 }
 
 std::optional<Beat::Time> Beat::NextDue() const {
-  if (!stateDue || !nextSign) {
-    return stateDue ? stateDue : nextSign;
+  std::optional<Time> next;
+  for (const std::optional<Time>& due : {stateDue, messageDue, nextSign}) {
+    if (due && (!next || *due < *next)) {
+      next = due;
+    }
   }
-  return std::min(*stateDue, *nextSign);
+  return next;
 }
 
 std::string WhatIsStuck(const Pulse& before, const Pulse& now, microseconds longest, Beat::Time time) {

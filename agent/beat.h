@@ -19,8 +19,9 @@ class Beat {
 
   // Changes on each other's heels are told of together.
   static constexpr std::chrono::milliseconds settling{250};
-  // How soon is tried again what the manager could not be told.
+  // How soon is tried again what the manager could not be told; doubled each time for its state.
   static constexpr std::chrono::milliseconds retryInterval{1000};
+  static constexpr std::chrono::milliseconds longestRetryInterval{60000};
 
   // watchdog: how long the manager waits for a life sign; zero: it waits for none.
   Beat(std::chrono::microseconds watchdog, Time now);
@@ -30,8 +31,9 @@ class Beat {
   // True when the state is to be told of now; counts as done.
   bool TakeState(Time now);
 
-  // It could not be told of.
-  void RetryState(Time now);
+  // What came of a message about it to the manager; true from TakeMessage: now is the time to try again.
+  void SentMessage(bool sent, Time now);
+  bool TakeMessage(Time now);
 
   // True when a life sign is to be given now; GaveSign says what came of it.
   bool SignIsDue(Time now) const { return nextSign && *nextSign <= now; }
@@ -42,6 +44,8 @@ class Beat {
  private:
   const std::chrono::microseconds period;
   std::optional<Time> stateDue;
+  std::optional<Time> messageDue;
+  std::chrono::milliseconds messageRetry = retryInterval;
   std::optional<Time> nextSign;
 };
 

@@ -47,6 +47,9 @@ void Reporter::TellDue() noexcept {
       sources.changes.Take();
       TellState();
     }
+    if (beat.TakeMessage(now)) {
+      TellManager(SafeText(StatusLine(Status())));
+    }
   } catch (const std::bad_alloc&) {  // told of when there is memory again
     beat.NoteChange(now);
     if (beat.SignIsDue(now)) {
@@ -89,11 +92,11 @@ void Reporter::TellState() {
 // What could not be told is told later: a manager that waits for an agent to be ready ends it when it has
 // waited long enough.
 void Reporter::TellManager(const std::string& line) {
-  if (manager.Tell((readyUntold ? "READY=1\nSTATUS=" : "STATUS=") + line)) {
+  const bool sent = manager.Tell((readyUntold ? "READY=1\nSTATUS=" : "STATUS=") + line);
+  beat.SentMessage(sent, Now());
+  if (sent) {
     readyUntold = false;
     toldLine = line;
-  } else {
-    beat.RetryState(Now());
   }
 }
 

@@ -33,14 +33,33 @@ TEST(BeatTest, ChangesOnEachOthersHeelsAreToldOfOnceAndNotPutOffByLaterOnes) {
   EXPECT_EQ(beat.NextDue(), std::nullopt);
 }
 
-TEST(BeatTest, AStateThatCouldNotBeToldIsTriedAgainSoon) {
+TEST(BeatTest, AMessageThatCouldNotBeSentIsTriedAgainAfterAWaitThatDoublesUpToAMinute) {
   Beat beat(microseconds::zero(), start);
-  beat.NoteChange(start);
-  EXPECT_TRUE(beat.TakeState(start + Beat::settling));
-  beat.RetryState(start + Beat::settling);
-  EXPECT_EQ(beat.NextDue(), start + Beat::settling + Beat::retryInterval);
-  EXPECT_TRUE(beat.TakeState(start + Beat::settling + Beat::retryInterval));
+  Time now = start;
+  for (const int wait : {1, 2, 4, 8, 16, 32, 60, 60}) {
+    beat.SentMessage(false, now);
+    EXPECT_EQ(beat.NextDue(), now + seconds(wait));
+    EXPECT_FALSE(beat.TakeMessage(now + seconds(wait) - milliseconds(1)));
+    now += seconds(wait);
+    EXPECT_TRUE(beat.TakeMessage(now));
+    EXPECT_FALSE(beat.TakeState(now)) << "the state itself was told elsewhere";
+  }
+  beat.SentMessage(false, now);
+  beat.SentMessage(true, now);
   EXPECT_EQ(beat.NextDue(), std::nullopt);
+  beat.SentMessage(false, now);
+  EXPECT_EQ(beat.NextDue(), now + seconds(1)) << "from the beginning";
+}
+
+TEST(BeatTest, TheEarliestOfAllThatIsDueIsNext) {
+  Beat beat(seconds(60), start);
+  beat.SentMessage(false, start);
+  EXPECT_EQ(beat.NextDue(), start + seconds(1));
+  beat.NoteChange(start);
+  EXPECT_EQ(beat.NextDue(), start + Beat::settling);
+  EXPECT_TRUE(beat.TakeState(start + Beat::settling));
+  EXPECT_TRUE(beat.TakeMessage(start + seconds(1)));
+  EXPECT_EQ(beat.NextDue(), start + seconds(30));
 }
 
 TEST(BeatTest, ASignOfLifeIsDueAtHalfOfTheWatchdogsTime) {
