@@ -159,7 +159,8 @@ EventOutput::Outcome SyslogSink::Write(const std::string& event, milliseconds pa
   // either.
   if (cause == 0) {
     const Probe again;
-    cause = again.Cause() == EAGAIN ? 0 : again.Cause();
+    const bool gone = again.Cause() == ECONNREFUSED || again.Cause() == ENOENT || again.Cause() == ENOTDIR;
+    cause = gone ? again.Cause() : 0;
   }
   return cause == 0 ? Outcome::Delivered : Fail(cause);
 }

@@ -225,7 +225,9 @@ TaskScheduler::Permission::Answer TaskScheduler::AskGate() {
       logger.Error("tasks wait: " + permission.reason);
       toldReason = permission.reason;
     } else if (permission.answer == Permission::Answer::Yes && !toldReason.empty()) {
-      logger.Info("tasks run again");
+      if (permission.reason.empty()) {
+        logger.Info("tasks run again");
+      }
       toldReason.clear();
     }
     return permission.answer;

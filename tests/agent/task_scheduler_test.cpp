@@ -641,6 +641,27 @@ TEST_F(TaskSchedulerTest, NoTaskBeginsWhileTheGateRefusesAndTheLogSaysSoOnce) {
   scheduler.reset();  // before what its task uses
 }
 
+TEST_F(TaskSchedulerTest, ARunThatWillFindNothingIsNotToldAsAllBeingWell) {
+  std::atomic<bool> refused{true};
+  Tally questions;
+  Tally runs;
+  Job job = {[&] { runs.Add(); }};
+  const auto gate = [&] {
+    questions.Add();
+    return refused ? Permission{Permission::Answer::No, "a folder"}
+                   : Permission{Permission::Answer::Yes, "missing"};
+  };
+  scheduler = std::make_unique<TaskScheduler>(1, logger, gate);
+  const unsigned id = Register(job);
+  scheduler->Launch(id);
+  ASSERT_TRUE(questions.Reaches(1));
+  refused = false;
+  scheduler->Launch(id);
+  ASSERT_TRUE(runs.Reaches(1));
+  EXPECT_THAT(written.Text(), testing::Not(HasSubstr("tasks run again")));
+  scheduler.reset();  // before what its task uses
+}
+
 TEST_F(TaskSchedulerTest, ATaskThatTheGatePutsOffRunsSoonWithoutALaunchAndWithoutAWord) {
   Tally questions;
   Tally runs;
