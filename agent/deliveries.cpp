@@ -33,18 +33,29 @@ std::vector<DeliveryState> Deliveries::States() const {
 }
 
 bool Deliveries::Drain(std::optional<milliseconds> patience) {
-  const auto deadline = std::chrono::steady_clock::now() + patience.value_or(milliseconds::zero());
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + patience.value_or(milliseconds::zero());
   for (const std::unique_ptr<Delivery>& delivery : deliveries) {
     delivery->queue.BeginDrain();
   }
-  bool all = true;
+  std::vector<SendQueue*> left;
   for (const std::unique_ptr<Delivery>& delivery : deliveries) {
-    std::optional<milliseconds> left;
+    std::optional<milliseconds> rest;
     if (patience) {
-      left = std::max(milliseconds::zero(),
-                      std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now()));
+      rest = std::max(milliseconds::zero(), std::chrono::ceil<milliseconds>(deadline - Clock::now()));
     }
-    all = delivery->queue.Drain(left) && all;
+    if (!delivery->queue.AwaitDrained(rest)) {
+      left.push_back(&delivery->queue);
+    }
+  }
+  // However many hang, their time runs side by side.
+  for (SendQueue* const queue : left) {
+    queue->GiveUp();
+  }
+  const auto longestAttemptEnds = Clock::now() + SendQueue::LongestAttempt();
+  bool all = true;
+  for (SendQueue* const queue : left) {
+    all = queue->EndDrain(longestAttemptEnds) && all;
   }
   return all;
 }

@@ -22,7 +22,8 @@ class EventOutput {
   // Waits for a slow reader no longer than patience.
   virtual Outcome Write(const std::string& event, std::chrono::milliseconds patience) = 0;
 
-  // Whether a Write without patience returns at once when nobody reads, and however slow the file system is.
+  // Whether a Write without patience returns at once when nobody reads, and however slow the file system is;
+  // only the kernel's own copying is waited for.
   virtual bool NeverWaits() const { return false; }
 
   virtual const std::string& Error() const = 0;

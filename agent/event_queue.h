@@ -12,7 +12,8 @@ class EventQueue {
 
   virtual ~EventQueue() = default;
 
-  // Never blocks for an output and never throws: it is called with the detector's lock held.
+  // Never throws, and never waits for an output, with the exception that SendQueue has: it is called with the
+  // detector's lock held.
   virtual void Push(const std::string& event, Lane lane) noexcept = 0;
   void Push(const std::string& event) noexcept { Push(event, Lane::Alerts); }
 };

@@ -169,6 +169,14 @@ void SendQueue::BeginDrain() {
 
 bool SendQueue::Drain(std::optional<milliseconds> patience) {
   BeginDrain();
+  if (AwaitDrained(patience)) {
+    return true;
+  }
+  GiveUp();
+  return EndDrain(Now() + longestAttempt);
+}
+
+bool SendQueue::AwaitDrained(std::optional<milliseconds> patience) {
   std::unique_lock<std::mutex> lock(mutex);
   const auto isOver = [this, &patience] { return IsEmptyLocked() || (outputFailed && !patience); };
   if (patience) {
@@ -177,13 +185,21 @@ bool SendQueue::Drain(std::optional<milliseconds> patience) {
     delivered.wait(lock, isOver);
   }
   draining = false;
-  if (IsEmptyLocked()) {
-    return true;
-  }
-  // The attempt that is being made ends first: an event is either delivered or told. Of one that does not end
-  // nobody knows.
+  return IsEmptyLocked();
+}
+
+void SendQueue::GiveUp() {
+  std::lock_guard<std::mutex> lock(mutex);
   abandoned = true;
-  delivered.wait_for(lock, longestAttempt, [this] { return !writing; });
+}
+
+milliseconds SendQueue::LongestAttempt() { return longestAttempt; }
+
+// The attempt that is being made ends first: an event is either delivered or told. Of one that does not end
+// nobody knows.
+bool SendQueue::EndDrain(std::chrono::steady_clock::time_point longestAttemptEnds) {
+  std::unique_lock<std::mutex> lock(mutex);
+  delivered.wait_until(lock, longestAttemptEnds, [this] { return !writing; });
   if (IsEmptyLocked()) {
     return true;
   }

@@ -62,8 +62,8 @@ class SendQueue : public EventQueue {
   static constexpr std::size_t longestQueue = std::size_t{64} << 20;  // bytes, of alerts
   static constexpr std::size_t longestFindings = std::size_t{8} << 20;
 
-  // 0 events a minute: no limit. whenChanged is called on a delivering thread after what it did has changed
-  // the state; it must not throw. alone: there is no other output.
+  // 0 events a minute: no limit. whenChanged is called on the delivering thread, or the one that pushes,
+  // after what it did has changed the state; it must not throw. alone: there is no other output.
   SendQueue(EventOutput& eventOutput, Logger& queueLogger, unsigned eventsPerMinute,
             std::function<void()> whenChanged = nullptr, bool alone = true);
 
@@ -80,13 +80,19 @@ class SendQueue : public EventQueue {
 
   DeliveryState State() const;
 
-  // The limit does not count any more: what waits is delivered as fast as it is taken. Drain comes after.
-  void BeginDrain();
-
   // Delivers what waits, without regard to the limit. Gives up after patience, if there is one; otherwise as
   // soon as the output fails, while a slow reader is waited for. True when nothing is left; what is left is
   // logged.
   bool Drain(std::optional<std::chrono::milliseconds> patience);
+
+  // The steps of it, for several queues side by side: the limit does not count any more; what waits is
+  // delivered; nothing leaves any more; what is left is logged, once the attempt under way has ended or its
+  // time is over.
+  void BeginDrain();
+  bool AwaitDrained(std::optional<std::chrono::milliseconds> patience);  // true: nothing is left
+  void GiveUp();
+  bool EndDrain(std::chrono::steady_clock::time_point longestAttemptEnds);  // true: nothing is left
+  static std::chrono::milliseconds LongestAttempt();
 
   // An attempt to deliver had not ended when a Drain gave up: the output does not keep to its patience. The
   // destructor would wait for it, maybe for ever.

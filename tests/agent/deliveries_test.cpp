@@ -15,6 +15,7 @@
 
 #include "agent/event_sink.h"
 #include "agent/logger.h"
+#include "tests/agent/hanging_output.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
@@ -212,6 +213,29 @@ TEST_F(DeliveriesTest, AnAlertLeavesOnTheThreadThatPushesItWhereThereIsOneOutput
     ASSERT_EQ(writers.size(), 2U);
     EXPECT_EQ(writers[0] == std::this_thread::get_id(), count == 1) << count << " outputs";
     EXPECT_NE(writers[1], std::this_thread::get_id()) << "a finding must not be in the way of an alert";
+  }
+}
+
+TEST_F(DeliveriesTest, HoweverManyOutputsHangTheirTimeAtTheEndRunsSideBySide) {
+  constexpr std::size_t count = 5;
+  std::vector<std::unique_ptr<EventOutput>> outputs;
+  std::vector<HangingOutput*> hanging;
+  for (std::size_t number = 0; number < count; ++number) {
+    auto output = std::make_unique<HangingOutput>();
+    hanging.push_back(output.get());
+    outputs.push_back(std::move(output));
+  }
+  Deliveries all(std::move(outputs), logger, noLimit);
+  all.Push("event");
+  for (HangingOutput* const output : hanging) {
+    output->AwaitEntry();
+  }
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(all.Drain(milliseconds(1)));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, (count - 1) * SendQueue::LongestAttempt());
+  EXPECT_TRUE(all.HasHung());
+  for (HangingOutput* const output : hanging) {
+    output->Release();
   }
 }
 

@@ -5,13 +5,11 @@
 
 #include <array>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <regex>
 #include <sstream>
@@ -23,9 +21,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "agent/event_output.h"
 #include "agent/event_sink.h"
 #include "agent/logger.h"
+#include "tests/agent/hanging_output.h"
 #include "tests/support/event_record.h"
 #include "tests/support/line_reader.h"
 #include "tests/support/temporary_folder.h"
@@ -104,38 +102,6 @@ class LogPipe {
   std::array<int, 2> ends{};
   std::unique_ptr<LineReader> reader;
   std::unique_ptr<Logger> logger;
-};
-
-// Does not keep to its patience.
-class HangingOutput : public EventOutput {
- public:
-  Outcome Write(const std::string& /*event*/, milliseconds /*patience*/) override {
-    std::unique_lock<std::mutex> lock(mutex);
-    entered = true;
-    changed.notify_all();
-    changed.wait(lock, [this] { return released; });
-    return Outcome::Delivered;
-  }
-  const std::string& Error() const override { return none; }
-  const std::string& Name() const override { return name; }
-
-  void AwaitEntry() {
-    std::unique_lock<std::mutex> lock(mutex);
-    changed.wait(lock, [this] { return entered; });
-  }
-  void Release() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    released = true;
-    changed.notify_all();
-  }
-
- private:
-  const std::string none;
-  const std::string name = "hanging";
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool entered = false;
-  bool released = false;
 };
 
 class SendQueueTest : public testing::Test {
