@@ -23,6 +23,7 @@ tar -C / --no-recursion --ignore-failed-read -cf - -T "$work/files" 2>/dev/null 
 dpkg-query -s "${names[@]}" >"$root/var/lib/dpkg/status"
 for name in "${names[@]}"; do cp /var/lib/dpkg/info/"$name".* /var/lib/dpkg/info/"$name":*.* "$root/var/lib/dpkg/info/" 2>/dev/null || true; done
 cp -a /etc/{passwd,group,shadow,gshadow,login.defs} "$root/etc/"
+awk -F: '$3 != 0 || $1 == "root"' /etc/passwd >"$root/etc/passwd" # another root account would be the first alert
 touch "$root/var/lib/dpkg/available"
 install -m 600 /dev/null "$root/etc/.pwd.lock" # account tools make it, and leave it
 mount -t proc proc "$root/proc"

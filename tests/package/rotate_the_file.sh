@@ -8,6 +8,7 @@ in_namespaces --pid --fork --kill-child -- "$@"
 mount -t proc proc /proc
 dpkg-deb -x "$agent_package" "$work/agent"
 cp -a /etc "$work/etc"
+awk -F: '$3 != 0 || $1 == "root"' /etc/passwd >"$work/passwd" && cat "$work/passwd" >"$work/etc/passwd"
 mount --bind "$work/etc" /etc
 mkdir "$work/log"
 alerts=$work/log/alerts.jsonl

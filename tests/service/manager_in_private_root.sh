@@ -67,6 +67,7 @@ pivot_root . old
 cd /
 umount -l /old
 rmdir /old
+: >/out/ready
 exec env -i PATH=/usr/sbin:/usr/bin container=test SYSTEMD_UNIT_PATH=/units SYSTEMD_GENERATOR_PATH=/nowhere \
   SYSTEMD_ENVIRONMENT_GENERATOR_PATH=/nowhere SYSTEMD_LOG_TARGET=console \
   /lib/systemd/systemd --system --unit=driver.service --log-level=info --show-status=no
