@@ -22,6 +22,8 @@
 namespace {
 
 constexpr char passwd[] = "/etc/passwd";
+constexpr char rootFolder[] =
+    "/proc/self/root";  // by this name an emulator takes it for no folder of the target's
 
 void Require(bool done, const std::string& step) {
   if (!done) {
@@ -49,14 +51,14 @@ class OpenFile {
 // thread becomes the root of its mount namespace, which has to be private to it. Where it is that already,
 // nothing changes.
 void LeaveChroot() {
-  const OpenFile root("/", O_PATH | O_DIRECTORY);
+  const OpenFile root(rootFolder, O_PATH | O_DIRECTORY);
   const OpenFile workingFolder(".", O_PATH | O_DIRECTORY);
   const OpenFile mounts("/proc/self/ns/mnt", O_RDONLY);
   struct stat before = {};
   struct stat after = {};
   // Joining a mount namespace, be it one's own, leads to its root.
   Require(setns(mounts.Get(), CLONE_NEWNS) == 0, "the root of the mount namespace");
-  Require(fstat(root.Get(), &before) == 0 && stat("/", &after) == 0, "looking at the root");
+  Require(fstat(root.Get(), &before) == 0 && stat(rootFolder, &after) == 0, "looking at the root");
   if (before.st_dev != after.st_dev || before.st_ino != after.st_ino) {
     Require(
         fchdir(root.Get()) == 0 && syscall(SYS_pivot_root, ".", ".") == 0 && umount2(".", MNT_DETACH) == 0,
