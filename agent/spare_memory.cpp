@@ -39,6 +39,31 @@ std::size_t ResidentAnonymousMemory() {
 }
 #endif
 
+struct Range {
+  std::uintmax_t start = 0;
+  std::uintmax_t end = 0;
+};
+
+// The lowest mapping that a file of /proc/self names.
+Range FirstRange(const char* path) {
+  Range range;
+  std::FILE* const maps = std::fopen(path, "re");
+  if (maps != nullptr) {
+    if (std::fscanf(maps, "%jx-%jx", &range.start, &range.end) != 2) {
+      range = Range();
+    }
+    std::fclose(maps);
+  }
+  return range;
+}
+
+// An emulator shows its program the program's memory in one of the two and its own in the other.
+bool MapsAreOurs() {
+  const Range one = FirstRange("/proc/self/maps");
+  const Range other = FirstRange("/proc/self/smaps");
+  return one.end != 0 && one.start == other.start && one.end == other.end;
+}
+
 // Addresses come as text.
 void* PointerTo(std::uintptr_t address) {
   return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
@@ -68,6 +93,9 @@ void GiveBackFreedMemory([[maybe_unused]] std::size_t worthwhile) {
 // A mapping that holds anything but what its file does (relocated or patched code, a breakpoint, code that
 // was moved to larger pages) is left alone: that could not come back.
 void LetGoOfFilePages() {
+  if (!MapsAreOurs()) {
+    return;
+  }
   std::FILE* const maps = std::fopen("/proc/self/smaps", "re");
   if (maps == nullptr) {
     return;
