@@ -52,6 +52,9 @@ AccountFileLook LookAtAccountFile(const std::string& path) {
     return look;
   }
   look.status = FileStatus::OfDescriptor(descriptor);
+  if (!look.status) {
+    look.error = errno;
+  }
   close(descriptor);
   // By the path, since not every kernel answers for a descriptor; what changes in between is told by an
   // event.
@@ -97,19 +100,17 @@ TaskScheduler::Permission ReadingGate::Decide(const std::string& path, const Acc
   const std::string obstacle =
       IsShortage(look.error) ? CannotBeOpened(path, look.error) : ObstacleToReading(path, look.status);
   if (!obstacle.empty()) {
-    condition = Condition::Good;  // what comes after it is another time
+    condition = {};  // what comes after it is another time
     return {Answer::No, obstacle};
   }
-  const bool unreadable = look.error != 0 || !look.status;
-  const Condition current = unreadable               ? Condition::Unreadable
-                            : look.status->size == 0 ? Condition::Empty
-                                                     : Condition::Good;
+  // Each error has a time of its own: a broken link that goes to make room for the file is no missing file.
+  const Condition current{look.error, look.status && look.status->size == 0};
   if (current != condition) {
     condition = current;
     conditionSince = now;
   }
-  if (condition != Condition::Good && now - conditionSince < longestChange) {
+  if (condition != Condition{} && now - conditionSince < longestChange) {
     return {Answer::NotYet, ""};
   }
-  return {Answer::Yes, unreadable ? CannotBeOpened(path, look.error) : ""};
+  return {Answer::Yes, look.error != 0 ? CannotBeOpened(path, look.error) : ""};
 }

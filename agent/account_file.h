@@ -6,6 +6,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "agent/file_status.h"
 #include "agent/task_scheduler.h"
@@ -28,8 +29,9 @@ std::string UnreadableEvent(const std::string& path, const std::string& reason);
 
 // What a look at the file found.
 struct AccountFileLook {
-  std::optional<FileStatus> status;  // none: it is not there
-  int error = 0;  // why it cannot be read; 0: it can, as far as one may know without reading
+  std::optional<FileStatus> status;  // none: it is not there, or cannot be looked at
+  int error =
+      0;  // why it cannot be read; 0: it can, as far as one may know without reading, and has a status
 };
 AccountFileLook LookAtAccountFile(const std::string& path);
 
@@ -59,13 +61,13 @@ class ReadingGate {
 
  private:
   using Answer = TaskScheduler::Permission::Answer;
-  enum class Condition { Good, Empty, Unreadable };
+  using Condition = std::pair<int, bool>;  // why the file cannot be read, or 0; whether it is empty
 
   TaskScheduler::Permission Decide(const std::string& path, const AccountFileLook& look, Time now);
 
   const std::function<void(const std::string& reason)> tell;
   std::string told;
-  Condition condition = Condition::Good;
+  Condition condition;  // a file to read at once
   Time conditionSince;
 };
 

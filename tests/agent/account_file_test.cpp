@@ -137,6 +137,21 @@ TEST_F(ReadingGateTest, WhatIsMissingOrForbiddenForASecondIsLeftToTheModuleAndTo
   }
 }
 
+// A broken link makes room for the file: between the two, nothing is there for a moment.
+TEST_F(ReadingGateTest, ADifferentErrorIsToldWhenItHasLastedForASecondToo) {
+  std::vector<std::string> told;
+  ReadingGate telling([&told](const std::string& reason) { told.push_back(reason); });
+  const AccountFileLook loop{std::nullopt, ELOOP};
+  telling.Ask("/passwd", loop, At(0));
+  telling.Ask("/passwd", loop, At(1000));
+  EXPECT_THAT(told, ElementsAre("/passwd cannot be opened: Too many levels of symbolic links"));
+  EXPECT_EQ(telling.Ask("/passwd", Missing(), At(5000)).answer, Answer::NotYet);
+  EXPECT_EQ(telling.Ask("/passwd", Missing(), At(5999)).answer, Answer::NotYet);
+  EXPECT_EQ(told.size(), 1u);
+  EXPECT_EQ(telling.Ask("/passwd", Missing(), At(6000)).answer, Answer::Yes);
+  EXPECT_EQ(told.back(), "/passwd cannot be opened: No such file or directory");
+}
+
 TEST_F(ReadingGateTest, ALookSaysWhatIsMissingAndWhatIsThere) {
   const TemporaryFolder folder;
   EXPECT_EQ(LookAtAccountFile(folder.Path("none")).error, ENOENT);
