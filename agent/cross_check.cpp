@@ -26,8 +26,10 @@ namespace {
 constexpr std::int64_t firstReadingMs = 10000;
 constexpr std::int64_t readingIntervalMs = 300000;
 
-// The module's reading and its alert go first, and changes on each other's heels are checked once.
+// The module's reading and its alert go first. Changes on each other's heels are checked together: each check
+// drives what the next alert needs out of the processor's caches.
 constexpr std::chrono::milliseconds afterAChange{10};
+constexpr std::chrono::milliseconds betweenChecks{100};
 
 // Each of them is asked about and remembered. Whoever makes more has been reported often enough.
 constexpr std::size_t mostAccounts = 100000;
@@ -127,7 +129,12 @@ CrossCheck::CrossCheck(const std::string& accountFile, TaskScheduler& taskSchedu
     watch.path = path;
     watch.callback = std::make_shared<FileWatchCallback>(
         [this](int, const char*, const char*, bool, int, const std::string&) {
-          scheduler.Launch(taskId, afterAChange);
+          const auto now = std::chrono::steady_clock::now();
+          if (nextCheck <= now) {
+            nextCheck = std::max(now + afterAChange, nextCheck + betweenChecks);
+          }
+          // Even when one is waiting: it may have been launched by others, before this change.
+          scheduler.Launch(taskId, std::chrono::ceil<std::chrono::milliseconds>(nextCheck - now));
         });
     watch.monitorId = monitor.Add(watch);
     if (watch.monitorId == 0) {

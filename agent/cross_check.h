@@ -2,6 +2,7 @@
 #define VELTA_AGENT_CROSS_CHECK_H
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <set>
@@ -51,7 +52,8 @@ class CrossCheck {
   std::atomic<bool> enabled{false};
   unsigned taskId = 0;
   FileWatchRule watch = FileWatchRule();
-  std::set<std::string> standing;  // the names that the last reading found; the workers' own
+  std::chrono::steady_clock::time_point nextCheck;  // of a change; the monitor's thread's own
+  std::set<std::string> standing;                   // the names that the last reading found; the workers' own
 };
 
 #endif  // VELTA_AGENT_CROSS_CHECK_H

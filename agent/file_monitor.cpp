@@ -126,22 +126,20 @@ void FileMonitor::Work() {
     lock.lock();
     ++rounds;
     const Time now = Time::clock::now();
-    bool reported = false;
     try {
       if (ready > 0) {
         HandleReadyLocked(descriptors, now);
       }
       table.Advance(now);
       while (!stopping && ReportNextLocked(lock, now)) {
-        reported = true;
+        if (scheduler != nullptr) {
+          lock.unlock();
+          scheduler->RunDue();  // before the next report, which may be of less hurry
+          lock.lock();
+        }
       }
     } catch (const std::bad_alloc&) {
       table.StartOver(now + memoryRetryInterval);  // what was being done is unknown: all of it again
-    }
-    if (reported && scheduler != nullptr) {
-      lock.unlock();
-      scheduler->RunDue();
-      lock.lock();
     }
   }
 }

@@ -53,12 +53,8 @@ void TaskTable::Launch(unsigned id, Time due, bool mayWait) {
     return;
   }
   Task& task = found->second;
-  if (task.running) {
-    task.launchedWhileRunning = true;
-  } else {
-    task.mayWait = mayWait && (task.mayWait || !task.due || due < *task.due);
-    task.due = Earlier(task.due, due);
-  }
+  task.mayWait = mayWait && (task.mayWait || !task.due || due < *task.due);
+  task.due = Earlier(task.due, due);
 }
 
 std::size_t TaskTable::LaunchAll(Time now) {
@@ -114,7 +110,6 @@ unsigned TaskTable::Begin(Time now, bool butWhatMayWait) {
   if (first != 0) {
     Task& task = tasks.at(first);
     task.running = true;
-    task.launchedWhileRunning = false;
     task.mayWait = false;
     task.due.reset();
   }
@@ -143,21 +138,25 @@ void TaskTable::End(unsigned id, Outcome outcome, Time began, Time now) {
       task.timer = next > now ? next : now + task.interval;
     }
   }
-  task.due = task.timer;
+  std::optional<Time> next = task.timer;
   switch (outcome) {
     case Outcome::Done:
       task.retryWait = milliseconds::zero();
       break;
     case Outcome::Failed:
       task.retryWait = std::clamp(task.retryWait * 2, firstRetry, longestRetry);
-      task.due = Earlier(task.due, now + task.retryWait);
+      next = Earlier(next, now + task.retryWait);
       break;
     case Outcome::PutOff:
-      task.due = Earlier(task.due, now + putOffWait);
+      next = Earlier(next, now + putOffWait);
       break;
   }
-  if (task.launchedWhileRunning) {
-    task.due = now;
+  if (task.due) {
+    task.due = std::max(*task.due, now);
+  }
+  if (next && (!task.due || *next < *task.due)) {  // otherwise what was launched meanwhile comes first
+    task.due = next;
+    task.mayWait = false;
   }
 }
 

@@ -34,11 +34,10 @@ class TaskTable {
     void* (*function)(void*);
     void* arg;
     std::chrono::milliseconds interval;  // 0: the timer does not repeat it
-    std::optional<Time> due;             // when to run next; nothing: only after a launch
-    std::optional<Time> timer;           // when the timer wants it next
+    std::optional<Time> due;    // when to run next, again if it is running; nothing: only after a launch
+    std::optional<Time> timer;  // when the timer wants it next
     std::chrono::milliseconds retryWait{0};
     bool running = false;
-    bool launchedWhileRunning = false;
     bool mayWait = false;
     bool paused = false;
     bool gone = false;  // unregistered while it ran; forgotten when that run ends

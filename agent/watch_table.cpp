@@ -105,6 +105,7 @@ void WatchTable::Handle(const InotifyEvent& event, Time now) {
     return;  // a watch that was withdrawn while its event waited
   }
   const std::vector<Use> ofWatch = found->second;  // a copy: attaching changes the original
+  std::optional<int> fileWatch;                    // of the entry, which all that the event is about share
   for (const Use& use : ofWatch) {
     const auto rule = rules.find(use.rule);
     if (rule == rules.end() || (!event.name.empty() && event.name != use.name)) {
@@ -112,7 +113,7 @@ void WatchTable::Handle(const InotifyEvent& event, Time now) {
     }
     const Reaction reaction = ReactionTo(use.role, event.mask);
     if (reaction.attach && use.role == WatchRole::Directory && !event.name.empty()) {
-      AttachFile(use.rule, rule->second, now);
+      AttachFile(use.rule, rule->second, fileWatch, now);
     } else if (reaction.attach) {
       Attach(use.rule, rule->second, now);
     }
@@ -253,12 +254,15 @@ void WatchTable::Attach(unsigned id, Rule& rule, Time now) {
 
 // An entry of the folder changed: only the file behind it may be another one. It lies on the way from every
 // replaced file to its alert, so it asks the system for no more than that.
-void WatchTable::AttachFile(unsigned id, Rule& rule, Time now) {
-  const int watch = rule.polled ? -1 : system.Add(rule.path, EventsOf(WatchRole::File));
-  if (watch < 0) {
+void WatchTable::AttachFile(unsigned id, Rule& rule, std::optional<int>& fileWatch, Time now) {
+  if (!fileWatch && !rule.polled) {
+    fileWatch = system.Add(rule.path, EventsOf(WatchRole::File));
+  }
+  if (rule.polled || *fileWatch < 0) {
     Attach(id, rule, now);
     return;
   }
+  const int watch = *fileWatch;
   const auto isUse = [id](const Use& use) { return use.rule == id && use.role == WatchRole::File; };
   std::vector<Use>& fresh = uses[watch];
   if (std::any_of(fresh.begin(), fresh.end(), isUse)) {

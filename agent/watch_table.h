@@ -116,7 +116,7 @@ class WatchTable {
   static void DropUsesOf(unsigned rule, std::vector<Use>& ofWatch);
 
   void Attach(unsigned id, Rule& rule, Time now);
-  void AttachFile(unsigned id, Rule& rule, Time now);
+  void AttachFile(unsigned id, Rule& rule, std::optional<int>& fileWatch, Time now);
   void AttachAll(Time now);
   void ReportAll(Time now, Report report);
   void CheckIdentities(Time now);

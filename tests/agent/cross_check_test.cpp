@@ -7,6 +7,7 @@
 #include <memory>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -114,6 +115,25 @@ TEST_F(CrossCheckTest, WhileItIsOffNothingIsReportedAndNothingIsForgotten) {
   check->Enable(true);
   scheduler.LaunchAll();
   EXPECT_EQ(Next(), Event("zoe", 3));
+}
+
+TEST_F(CrossCheckTest, ChangesOnEachOthersHeelsAreCheckedTogether) {
+  constexpr int changes = 40;
+  std::atomic<int> checks{0};
+  check = std::make_unique<CrossCheck>(path, scheduler, monitor, queue, logger,
+                                       [&checks](std::size_t) { ++checks; });
+  check->Enable(true);
+  const auto start = std::chrono::steady_clock::now();
+  for (int change = 1; change <= changes; ++change) {
+    Add("toor" + std::to_string(change) + ":x:0:0\n");
+    std::this_thread::sleep_for(std::chrono::milliseconds(15));
+  }
+  for (int change = 1; change <= changes; ++change) {
+    EXPECT_EQ(Next(), Event("toor" + std::to_string(change), change + 1));
+  }
+  const auto tenths = (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(100);
+  check.reset();  // it counts no more
+  EXPECT_LE(checks, tenths + 2);
 }
 
 TEST_F(CrossCheckTest, ItLeavesNeitherATaskNorAWatch) {

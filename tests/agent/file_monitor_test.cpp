@@ -760,7 +760,7 @@ TEST_F(FileMonitorTest, Fault08AfterTheKernelDroppedEventsEveryFileIsReported) {
 }
 
 // However a callback ends: a task that was launched and not run would wait for the next change.
-TEST_F(FileMonitorTest, WhatACallbackLaunchesRunsOnTheMonitorsThreadOnceTheCallbacksAreThrough) {
+TEST_F(FileMonitorTest, WhatACallbackLaunchesRunsOnTheMonitorsThreadBeforeTheNextCallback) {
   TaskScheduler scheduler(1, logger);
   monitor = std::make_unique<FileMonitor>(logger, noChecks, &scheduler);
   std::mutex mutex;
@@ -798,7 +798,7 @@ TEST_F(FileMonitorTest, WhatACallbackLaunchesRunsOnTheMonitorsThreadOnceTheCallb
   monitor->Remove(older);
   monitor->Remove(newer);
   monitor.reset();
-  EXPECT_THAT(steps, testing::ElementsAre("newer", "older", "task"));
+  EXPECT_THAT(steps, testing::ElementsAre("newer", "task", "older"));
   EXPECT_EQ(taskThread, callbackThread);
 }
 

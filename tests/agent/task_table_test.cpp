@@ -194,6 +194,17 @@ TEST_F(TaskTableTest, WhatMayWaitIsLeftAloneByWhoeverAsksForTheRest) {
   EXPECT_EQ(table.Begin(At(50), true), waiting) << "and one that may does not undo it";
 }
 
+TEST_F(TaskTableTest, ALaunchThatMayWaitDoesSoWhenItCameDuringARun) {
+  const unsigned id = OnLaunch();
+  table.Launch(id, At(10));
+  ASSERT_EQ(table.Begin(At(10)), id);
+  table.Launch(id, At(100), true);
+  table.End(id, TaskTable::Outcome::Done, At(10), At(20));
+  EXPECT_EQ(table.Begin(At(99)), 0u);
+  EXPECT_EQ(table.Begin(At(100), true), 0u);
+  EXPECT_EQ(table.Begin(At(100)), id);
+}
+
 TEST_F(TaskTableTest, Fault03ALaunchOfNobodyIsIgnored) {
   const unsigned id = OnLaunch();
   table.Launch(0, At(1));
