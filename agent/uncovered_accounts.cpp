@@ -78,12 +78,13 @@ bool MayBeRoot(const Line& line) {
 }
 
 std::string Shown(const Line& line) {
-  if (line.text.size() <= longestShown) {
-    // glibc reads a last line without its end in its own way when blanks lead it: "    a:0:0" has user ID 0.
+  if (line.text.size() <= longestShown || !line.ended) {
+    // glibc reads a line without its end in its own way when blanks lead it: "    a:0:0" has user ID 0.
+    // Nobody knows how much of such a line counts, so all of it is shown.
     return std::string(line.text) + (line.ended ? "\n" : "");
   }
-  if (line.hasNul) {  // where the library sees the line end
-    return Shown(Line(line.text.substr(0, line.text.find('\0')), true));
+  if (line.hasNul) {  // where the library sees the line end, and no newline
+    return Shown(Line(line.text.substr(0, line.text.find('\0')), false));
   }
   std::string text;
   for (std::size_t field = 0; field < line.count && field <= GroupId; ++field) {

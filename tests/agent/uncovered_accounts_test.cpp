@@ -122,6 +122,14 @@ TEST(UncoveredAccountsTest, TheLastLineIsReadAsItStandsWithoutAnEnd) {
   EXPECT_THAT(FindUncoveredRoots("    a:0:0"), ElementsAre(Account("a", "", "", 1, "too few fields")));
   EXPECT_THAT(FindUncoveredRoots("    a:0:0\n"), IsEmpty());
 }
+
+TEST(UncoveredAccountsTest, NoLengthHidesALineThatIsReadAsItStands) {
+  const std::string two(std::size_t{2} << 20, 'g');
+  EXPECT_THAT(FindUncoveredRoots("  la:x:0\0"s + two + "\n"),
+              ElementsAre(Account("la", "", "", 1, "line too long")));
+  EXPECT_THAT(FindUncoveredRoots("  lb:" + two + ":0"),
+              ElementsAre(Account("lb", "", "", 1, "line too long")));
+}
 #endif
 
 TEST(UncoveredAccountsTest, TheSearchEndsWhenItIsTold) {
