@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include "host/json.h"
@@ -43,7 +44,8 @@ std::string ObstacleToReading(const std::string& path) {
 }
 
 // Opened in a way that cannot be read from: a FIFO is not waited for, and whoever watches the file does not
-// take this for a reading.
+// take this for a reading. What more than the mode may forbid a reading is therefore not found here, but by
+// the cross-check.
 AccountFileLook LookAtAccountFile(const std::string& path) {
   AccountFileLook look;
   const int descriptor = open(path.c_str(), O_PATH | O_CLOEXEC);
@@ -56,12 +58,15 @@ AccountFileLook LookAtAccountFile(const std::string& path) {
     look.error = errno;
   }
   close(descriptor);
-  // By the path, since not every kernel answers for a descriptor; what changes in between is told by an
-  // event.
-  if (faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0 && errno == EACCES) {
+  if (!MayBeReadByItsMode(path)) {
     look.error = EACCES;
   }
   return look;
+}
+
+// By the path, since not every kernel answers for a descriptor; what changes in between is told by an event.
+bool MayBeReadByItsMode(const std::string& path) {
+  return faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) == 0 || errno != EACCES;
 }
 
 std::string UnreadableEvent(const std::string& path, const std::string& reason) {
@@ -87,12 +92,27 @@ TaskScheduler::Permission ReadingGate::Ask(const std::string& path, Time now) {
 TaskScheduler::Permission ReadingGate::Ask(const std::string& path, const AccountFileLook& look, Time now) {
   TaskScheduler::Permission permission = Decide(path, look, now);
   if (permission.answer != Answer::NotYet && permission.reason != told) {
-    if (tell && !permission.reason.empty()) {
-      tell(permission.reason);
+    told.clear();
+    if (!permission.reason.empty()) {
+      Tell(permission.reason, now);
     }
-    told = permission.reason;
   }
   return permission;
+}
+
+// What may not be told yet, and stands, is offered again at the next reading.
+void ReadingGate::Tell(const std::string& reason, Time now) {
+  for (auto entry = toldAt.begin(); entry != toldAt.end();) {
+    entry = now - entry->second < tellInterval ? std::next(entry) : toldAt.erase(entry);
+  }
+  if (toldAt.count(reason) != 0) {
+    return;
+  }
+  if (tell) {
+    tell(reason);
+  }
+  told = reason;
+  toldAt.emplace(reason, now);
 }
 
 TaskScheduler::Permission ReadingGate::Decide(const std::string& path, const AccountFileLook& look,

@@ -1,13 +1,16 @@
 #include "agent/cross_check.h"
 
 #include <fcntl.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -34,42 +37,81 @@ constexpr std::chrono::milliseconds betweenChecks{100};
 // Each of them is asked about and remembered. Whoever makes more has been reported often enough.
 constexpr std::size_t mostAccounts = 100000;
 
-class ReadDescriptor {
- public:
-  explicit ReadDescriptor(const std::string& path)
-      : number(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {}
-  ~ReadDescriptor() {
-    if (number >= 0) {
-      close(number);
-    }
+void CloseIfOpen(int descriptor) {
+  if (descriptor >= 0) {
+    close(descriptor);
   }
-  ReadDescriptor(const ReadDescriptor&) = delete;
-  ReadDescriptor& operator=(const ReadDescriptor&) = delete;
+}
+
+class OwnedDescriptor {
+ public:
+  explicit OwnedDescriptor(int openDescriptor) : number(openDescriptor) {}
+  ~OwnedDescriptor() { CloseIfOpen(number); }
+  OwnedDescriptor(const OwnedDescriptor&) = delete;
+  OwnedDescriptor& operator=(const OwnedDescriptor&) = delete;
 
   const int number;
 };
 
-// Nothing when the file cannot be read whole. What stands there was looked at before this reading; it is
-// looked at again, as something else may stand there by now.
+int ReserveDescriptor() { return eventfd(0, EFD_CLOEXEC); }
+
+[[noreturn]] void Fail(const std::string& path, const char* what) {
+  throw std::runtime_error(path + what + std::strerror(errno));
+}
+
+// What somebody holds a lease on cannot be had at once, and whoever lets go of it may be back before the next
+// try: that file is waited for. It is one, so that the wait has an end.
+int WaitForFile(const std::string& path) {
+  const OwnedDescriptor place(open(path.c_str(), O_PATH | O_CLOEXEC));
+  if (place.number < 0) {
+    return -1;
+  }
+  if (!ObstacleToReading(path, FileStatus::OfDescriptor(place.number)).empty()) {
+    errno = ENOENT;
+    return -1;
+  }
+  return open(("/proc/self/fd/" + std::to_string(place.number)).c_str(), O_RDONLY | O_CLOEXEC);
+}
+
+int OpenToRead(const std::string& path) {
+  const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  return descriptor < 0 && errno == EWOULDBLOCK ? WaitForFile(path) : descriptor;
+}
+
+// Nothing when there is no file to read: whoever comes before a reading tells of that. What stands there was
+// looked at then; it is looked at again, as something else may stand there by now. Throws std::runtime_error
+// when a file that is there cannot be read whole.
 std::optional<std::string> ReadWhole(const std::string& path) {
-  const ReadDescriptor descriptor(path);
-  if (descriptor.number < 0 ||
-      !ObstacleToReading(path, FileStatus::OfDescriptor(descriptor.number)).empty()) {
+  const OwnedDescriptor descriptor(OpenToRead(path));
+  if (descriptor.number < 0) {
+    const int error = errno;
+    if (error == ENOENT || error == ENOTDIR || error == ELOOP ||
+        (error == EACCES && !MayBeReadByItsMode(path))) {
+      return std::nullopt;
+    }
+    errno = error;
+    Fail(path, " cannot be opened: ");
+  }
+  if (!ObstacleToReading(path, FileStatus::OfDescriptor(descriptor.number)).empty()) {
     return std::nullopt;
   }
   std::string content;
-  char part[65536];
+  std::size_t size = 0;
   for (;;) {
-    const ssize_t size = read(descriptor.number, part, sizeof(part));
-    if (size > 0) {
-      content.append(part, static_cast<std::size_t>(size));
-      if (content.size() > largestAccountFile) {
+    if (size == content.size()) {
+      content.resize(std::max<std::size_t>(2 * size, 16384));
+    }
+    const ssize_t more = read(descriptor.number, &content[size], content.size() - size);
+    if (more > 0) {
+      size += static_cast<std::size_t>(more);
+      if (size > largestAccountFile) {
         return std::nullopt;
       }
-    } else if (size == 0) {
+    } else if (more == 0) {
+      content.resize(size);
       return content;
     } else if (errno != EINTR) {
-      return std::nullopt;
+      Fail(path, " cannot be read whole: ");
     }
   }
 }
@@ -112,7 +154,13 @@ CrossCheck::CrossCheck(const std::string& accountFile, TaskScheduler& taskSchedu
       monitor(fileMonitor),
       queue(eventQueue),
       logger(checkLogger),
-      tellRead(std::move(whenRead)) {
+      tellRead(std::move(whenRead)),
+      reserve(ReserveDescriptor()) {
+  // Beside its own, one is needed to read with.
+  if (reserve < 0 || OwnedDescriptor(ReserveDescriptor()).number < 0) {
+    CloseIfOpen(reserve);
+    throw std::runtime_error(std::string("cross-check: ") + std::strerror(errno));
+  }
   utils::thread::TASK_CONDITION condition = utils::thread::TASK_CONDITION();
   condition.startDelayMs = firstReadingMs;
   condition.intervalMs = readingIntervalMs;
@@ -123,6 +171,7 @@ CrossCheck::CrossCheck(const std::string& accountFile, TaskScheduler& taskSchedu
   };
   taskId = scheduler.Register(utils::thread::TASKTYPE_PERIODIC, condition, read, this, "cross_check_task");
   if (taskId == 0) {
+    CloseIfOpen(reserve);
     throw std::runtime_error("cross-check: no task");
   }
   try {
@@ -154,13 +203,43 @@ void CrossCheck::End() {
   monitor.Remove(watch);
   scheduler.PauseAndWait(taskId);
   scheduler.Unregister(taskId);
+  CloseIfOpen(reserve);
+}
+
+// Told once, when it is no matter of a moment.
+void CrossCheck::NoteFailure(const std::string& reason) {
+  const auto now = std::chrono::steady_clock::now();
+  if (!failingSince) {
+    failingSince = now;
+    failureTold = false;
+  } else if (!failureTold && now - *failingSince >= ReadingGate::longestChange) {
+    queue.Push(UnreadableEvent(path, reason), EventQueue::Lane::Findings);
+    failureTold = true;
+  }
+}
+
+// The module may read at the same time, and must not be the one that finds no descriptor left.
+std::optional<std::string> CrossCheck::ReadWithOwnDescriptor() {
+  struct Reserve {
+    explicit Reserve(int& reservedDescriptor) : number(reservedDescriptor) { CloseIfOpen(number); }
+    ~Reserve() { number = ReserveDescriptor(); }
+    int& number;
+  } const spent(reserve);
+  return ReadWhole(path);
 }
 
 void CrossCheck::Read() {
   if (!enabled) {
     return;
   }
-  const std::optional<std::string> content = ReadWhole(path);
+  std::optional<std::string> content;
+  try {
+    content = ReadWithOwnDescriptor();
+    failingSince.reset();
+  } catch (const std::runtime_error& failure) {
+    NoteFailure(failure.what());
+    throw;  // the scheduler tries again
+  }
   if (!content) {
     return;
   }

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -20,7 +21,8 @@ class TaskScheduler;
 // same file with the C library's own reader; see FindUncoveredRoots.
 //
 // An account is reported when a reading finds it and the one before did not, by an event of type
-// "uncovered-root-account". A file that cannot be read changes nothing.
+// "uncovered-root-account". A file that cannot be read changes nothing. Where a file is there, and fails for
+// a second to be read whole, that is reported, too: by an event of type "account-file-unreadable".
 //
 // Thread use: construction, destruction and Enable on the control thread; readings on the scheduler's
 // workers, one at a time. Destruction ends a reading. Construction throws std::runtime_error when the
@@ -40,6 +42,8 @@ class CrossCheck {
 
  private:
   void Read();
+  std::optional<std::string> ReadWithOwnDescriptor();
+  void NoteFailure(const std::string& reason);
   void End();
 
   const std::string path;
@@ -53,7 +57,12 @@ class CrossCheck {
   unsigned taskId = 0;
   FileWatchRule watch = FileWatchRule();
   std::chrono::steady_clock::time_point nextCheck;  // of a change; the monitor's thread's own
-  std::set<std::string> standing;                   // the names that the last reading found; the workers' own
+
+  // The workers' own.
+  int reserve;                     // a descriptor for the reading
+  std::set<std::string> standing;  // the names that the last reading found
+  std::optional<std::chrono::steady_clock::time_point> failingSince;
+  bool failureTold = false;
 };
 
 #endif  // VELTA_AGENT_CROSS_CHECK_H

@@ -52,10 +52,7 @@ TaskTable::Outcome Run(const TaskTable::Task& task, Logger& logger) {
 
 TaskScheduler::TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Gate gateBeforeRuns,
                              std::function<void()> whenIdle)
-    : mostAtOnce(workerCount),
-      logger(schedulerLogger),
-      gate(std::move(gateBeforeRuns)),
-      idle(std::move(whenIdle)) {
+    : logger(schedulerLogger), gate(std::move(gateBeforeRuns)), idle(std::move(whenIdle)) {
   try {
     for (unsigned i = 0; i < workerCount; ++i) {
       workers.emplace_back([this] { Work(); });
@@ -136,7 +133,7 @@ void TaskScheduler::RunDue() {
   std::unique_lock<std::mutex> lock(mutex);
   const TaskTable::Time began =
       Now();  // what becomes due during a run is not this call's: it comes to an end
-  while (MayRunLocked()) {
+  while (!stopping) {
     const unsigned id = table.Begin(began, true);
     if (id == 0) {
       break;
@@ -145,7 +142,7 @@ void TaskScheduler::RunDue() {
   }
   // A run that failed or was put off is due again before the workers look; a launch may still be there.
   const auto due = table.NextDue();
-  if (due && (mostAtOnce > 1 || *due < workersWaitUntil)) {
+  if (due && (workers.size() > 1 || *due < workersWaitUntil)) {
     changed.notify_all();
   }
 }
@@ -159,11 +156,6 @@ bool TaskScheduler::WaitUntilIdle() {
 void TaskScheduler::Work() {
   std::unique_lock<std::mutex> lock(mutex);
   while (!stopping) {
-    if (!MayRunLocked()) {
-      workersHeldBack = true;  // the end of a run wakes it
-      changed.wait(lock);
-      continue;
-    }
     const unsigned id = table.Begin(Now());
     if (id != 0) {
       RunLocked(lock, id);
@@ -202,15 +194,14 @@ void TaskScheduler::RunLocked(std::unique_lock<std::mutex>& lock, unsigned id) {
   ended.notify_all();
   if (idle && table.IsIdle(Now())) {
     lock.unlock();
-    idle();
+    {
+      const std::lock_guard<std::mutex> oneAtATime(idleMutex);
+      idle();
+    }
     lock.lock();
   }
   --running;
   ended.notify_all();  // an end of the scheduler waits for this
-  if (workersHeldBack) {
-    workersHeldBack = false;
-    changed.notify_all();
-  }
 }
 
 // Never throws: it runs at the top of a worker, and memory may be short; then nothing runs for now.

@@ -22,7 +22,7 @@ class Logger;
 // are; each new reason is logged once. One that it puts off is tried again soon, without a word.
 //
 // A thread that launches tasks and has nothing better to do may volunteer to run them itself: waking a worker
-// takes longer than many a task. No more tasks run at a time than there are workers, whoever runs them.
+// takes longer than many a task. It does so beside the workers, so what they are at holds nothing of it up.
 //
 // An exception that leaves a task ends where it runs: it is logged with the task's name, and the task stays.
 //
@@ -40,7 +40,7 @@ class TaskScheduler {
   using Gate = std::function<Permission()>;
 
   // whenIdle is called on a thread that has run a task and finds nothing more to run: for what no task is to
-  // wait for. It must not throw.
+  // wait for. One call at a time. It must not throw.
   TaskScheduler(unsigned workerCount, Logger& schedulerLogger, Gate gateBeforeRuns = nullptr,
                 std::function<void()> whenIdle = nullptr);
   ~TaskScheduler();
@@ -63,8 +63,8 @@ class TaskScheduler {
   // woken for what it launches.
   void Volunteer();
 
-  // Runs what is due on the calling thread, each task once at most. What other threads keep it from running
-  // is left to the workers.
+  // Runs what is due on the calling thread, each task once at most; not what may wait, and not what runs
+  // already, which is the workers' to run again.
   void RunDue();
 
   // Waits until nothing runs and nothing is due. True when no run since construction has failed or was
@@ -73,16 +73,15 @@ class TaskScheduler {
 
  private:
   void Work();
-  bool MayRunLocked() const { return !stopping && running < mostAtOnce; }
   void RunLocked(std::unique_lock<std::mutex>& lock, unsigned id);  // lets go of the lock while the task runs
   void StopWorkers();
 
   Permission::Answer AskGate();
 
-  const unsigned mostAtOnce;
   Logger& logger;
   const Gate gate;
   const std::function<void()> idle;
+  std::mutex idleMutex;  // makes calls of idle exclusive
   std::mutex gateMutex;  // guards toldReason; makes calls of the gate exclusive
   std::string toldReason;
   std::mutex mutex;  // guards everything below it but the threads
@@ -90,7 +89,6 @@ class TaskScheduler {
   std::condition_variable ended;
   TaskTable table;
   unsigned running = 0;
-  bool workersHeldBack = false;  // one waits for a run to end
   TaskTable::Time workersWaitUntil{TaskTable::Time::max()};
   bool stopping = false;
   bool anyFailed = false;

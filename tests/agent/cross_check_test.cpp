@@ -1,7 +1,13 @@
 #include "agent/cross_check.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <future>
 #include <memory>
@@ -101,6 +107,45 @@ TEST_F(CrossCheckTest, AFileThatIsGoneOrNoFileMakesNobodyNew) {
   std::filesystem::rename(folder.Path("kept"), path);
   Add("zoe:x:0:0\n");
   EXPECT_EQ(Next(), Event("zoe", 3));
+}
+
+TEST_F(CrossCheckTest, AFileThatFailsToBeReadIsToldOfAndTriedAgain) {
+  Start();
+  Add("toor:x:0:0\n");
+  EXPECT_EQ(Next(), Event("toor", 2));
+  std::filesystem::remove(path);
+  std::filesystem::create_symlink("/proc/self/mem", path);  // nothing is mapped at its beginning
+  EXPECT_EQ(Next(), R"({"eventType":"account-file-unreadable","eventTime":"TIME","eventContent":{"path":")" +
+                        path + R"(","reason":")" + path + R"( cannot be read whole: Input/output error"}})");
+  folder.Write("other", "root:x:0:0::/root:/bin/sh\ntoor:x:0:0\nnext:x:0:0\n");
+  std::filesystem::rename(folder.Path("other"), path);
+  EXPECT_EQ(Next(), Event("next", 3));
+}
+
+// The holder lets go whenever somebody waits, and is back before anybody could try again.
+TEST_F(CrossCheckTest, AFileThatSomebodyHoldsALeaseOnIsWaitedFor) {
+  signal(SIGIO, SIG_IGN);  // by which the system tells the holder
+  Start();
+  Add("toor:x:0:0\n");
+  EXPECT_EQ(Next(), Event("toor", 2));
+  const std::string other = folder.Write("other", "root:x:0:0::/root:/bin/sh\nnext:x:0:0\n");
+  const int descriptor = open(other.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(fcntl(descriptor, F_SETLEASE, F_WRLCK), 0) << std::strerror(errno);
+  std::atomic<bool> done{false};
+  std::thread holder([&] {
+    while (!done) {
+      if (fcntl(descriptor, F_GETLEASE) != F_WRLCK) {
+        fcntl(descriptor, F_SETLEASE, F_UNLCK);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        fcntl(descriptor, F_SETLEASE, F_WRLCK);
+      }
+    }
+  });
+  std::filesystem::rename(other, path);
+  EXPECT_EQ(Next(), Event("next", 2));
+  done = true;
+  holder.join();
+  close(descriptor);
 }
 
 TEST_F(CrossCheckTest, WhileItIsOffNothingIsReportedAndNothingIsForgotten) {
