@@ -1,15 +1,16 @@
 #!/usr/bin/python3
 """first_day_test.py PACKAGES SOURCE_FOLDER
 
-What somebody does on the first day: installs the package with apt-get, takes the configuration of rsyslog that comes
-with it, starts the agent as an ordinary user, and makes an account that is root. The alert goes through syslog to a
-collector on another host.
+What somebody does on the first day: installs the package with apt-get, follows docs/fleet.md with the configuration of
+rsyslog that comes with it, starts the agent as an ordinary user, and makes an account that is root. The alert goes
+through syslog to a collector on another host.
 
 The host is an overlay of this machine: apt-get and dpkg find the packages that are here, and change nothing of it. It
 has no network but the switch, so nothing can be fetched."""
 
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -71,14 +72,37 @@ package, = packages.glob("velta-agent_*.deb")
 host.install(package)
 state = host.run("dpkg-query", "-W", "-f", "${db:Status-Status}", "velta-agent")
 assert state == "installed", state
-examples = host.file("/usr/share/doc/velta-agent/examples/fleet/rsyslog")
 in_the_clear = {"VELTA_TLS": "off", "VELTA_TLS_CA": "/dev/null", "VELTA_TLS_CERTIFICATE": "/dev/null",
                 "VELTA_TLS_KEY": "/dev/null"}
-host.configure_rsyslog(sorted((examples / "host").glob("3*")),
-                       {**fleet.environment_in(examples / "host/velta-host.env"), **in_the_clear,
-                        "VELTA_COLLECTOR": collector.address})
-collector.configure_rsyslog((examples / "collector").glob("*.conf"),
-                            {**fleet.environment_in(examples / "collector/velta-collector.env"), **in_the_clear})
+
+
+def follow(node, heading, folder, values, also=()):
+    """The commands below that heading of the page, apart from those that take a network or systemd."""
+    blocks = re.findall(r"```sh\n(.*?)```", page.split("\n## %s\n" % heading)[1].split("\n## ")[0], re.DOTALL)
+    wanted = "".join(blocks[number] for number in [0, *also])
+    commands = [line.replace(installed, folder) for line in wanted.splitlines()
+                if not line.startswith(("apt-get", "systemctl"))]
+    assert "cd " + folder in commands, commands
+    node.run("sh", "-euc", "\n".join(commands))
+    file = node.file("/etc/velta/fleet.env")
+    text = file.read_text()
+    for name, value in values.items():
+        text, found = re.subn("^%s=.*$" % name, "%s=%s" % (name, value), text, flags=re.MULTILINE)
+        assert found == 1, name
+    file.write_text(text)
+    node.environment = fleet.environment_in(file)
+    return blocks
+
+
+page = (sources / "docs/fleet.md").read_text()
+installed = "/usr/share/doc/velta-agent/examples/fleet/rsyslog"
+shutil.copytree(host.file(installed), collector.file("/tmp/rsyslog"))  # the collector has no agent
+follow(collector, "The collector", "/tmp/rsyslog", in_the_clear)
+blocks = follow(host, "A host", installed, {**in_the_clear, "VELTA_COLLECTOR": collector.address}, also=[2])
+check = blocks[1].splitlines()[0]
+for node in [host, collector]:
+    said = node.run("sh", "-euc", check)
+    assert "rsyslogd -N1" in check and "error" not in said and "warning" not in said, said
 collector.start_rsyslog()
 host.start_rsyslog()
 host.start_agent()

@@ -6,7 +6,6 @@ certificate of our authority arrive; those of a host with another one's, and of 
 not."""
 
 import pathlib
-import shutil
 import sys
 
 import fleet
@@ -16,32 +15,7 @@ shipped = sources / "packaging/fleet/rsyslog"
 fleet.require_tools(["rsyslogd", "ip", "unshare", "nsenter", "setpriv", "openssl"])
 fleet.enter_namespaces()
 
-
-new_key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"]
-
-
-class Authority:
-    def __init__(self, name):
-        self.folder = fleet.room / name
-        self.folder.mkdir()
-        fleet.run("openssl", "req", "-x509", *new_key, "-days", "2", "-subj", "/CN=" + name,
-                  "-keyout", str(self.folder / "ca.key"), "-out", str(self.folder / "ca.pem"))
-
-    def certify(self, node, name, trusted):
-        """Gives it a certificate of that name, and the authority that it is to trust."""
-        key, request, names, certificate = (str(self.folder / (name + end)) for end in (".key", ".csr", ".ext", ".pem"))
-        fleet.run("openssl", "req", "-new", *new_key, "-subj", "/CN=" + name, "-keyout", key, "-out", request)
-        pathlib.Path(names).write_text("subjectAltName=DNS:" + name)
-        fleet.run("openssl", "x509", "-req", "-days", "2", "-in", request, "-CA", str(self.folder / "ca.pem"), "-CAkey",
-                  str(self.folder / "ca.key"), "-CAcreateserial", "-extfile", names, "-out", certificate)
-        target = node.file("/etc/velta/tls")
-        target.mkdir(parents=True)
-        shutil.copy(trusted.folder / "ca.pem", target / "ca.pem")
-        shutil.copy(key, target / "own.key")
-        shutil.copy(certificate, target / "own.pem")
-
-
-ours, theirs = Authority("ours"), Authority("theirs")
+ours, theirs = fleet.Authority("ours"), fleet.Authority("theirs")
 switch = fleet.Switch()
 collector = fleet.Collector("collector", switch)
 collector.configure_rsyslog([shipped / "collector/30-velta-collector.conf"],
