@@ -13,24 +13,27 @@
 #include <string>
 #include <vector>
 
-#include "services.h"
+// The whole program but its main, which is the test's.
+#define main MainOfTheHost
+#include "minimal_host.cpp"
+#undef main
 
 struct HostUnderTest::Parts {
   Parts() {
-    if (log == nullptr || pipe(events.data()) != 0) {
+    logFile = std::tmpfile();
+    if (logFile == nullptr || pipe(ends.data()) != 0 || (eventFile = fdopen(ends[1], "w")) == nullptr) {
       throw std::runtime_error("no pipe and no file for the services to write to");
     }
-    eventDescriptor = events[1];
-    logDescriptor = fileno(log);
+    printer = AddJob(PrintEvents, never, never);
   }
   ~Parts() {
-    close(events[0]);
-    close(events[1]);
-    std::fclose(log);
+    EndJob(printer);
+    close(ends[0]);
+    std::fclose(eventFile);
+    std::fclose(logFile);
   }
 
-  std::FILE* const log = std::tmpfile();
-  std::array<int, 2> events = {-1, -1};
+  std::array<int, 2> ends = {-1, -1};
   std::vector<std::string> sent;
   std::string line;
 };
@@ -43,11 +46,11 @@ std::vector<std::string> HostUnderTest::SentEvents(std::size_t count, std::chron
   const auto end = std::chrono::steady_clock::now() + limit;
   std::array<char, 4096> part;
   while (parts->sent.size() < count && std::chrono::steady_clock::now() < end) {
-    pollfd readable = {parts->events[0], POLLIN, 0};
+    pollfd readable = {parts->ends[0], POLLIN, 0};
     if (poll(&readable, 1, 100) != 1) {
       continue;
     }
-    const ssize_t length = read(parts->events[0], part.data(), part.size());
+    const ssize_t length = read(parts->ends[0], part.data(), part.size());
     for (ssize_t at = 0; at < length; ++at) {
       const char letter = part[static_cast<std::size_t>(at)];
       if (letter == '\n') {
@@ -65,8 +68,7 @@ std::string HostUnderTest::LogText() {
   std::string text;
   std::array<char, 4096> part;
   for (;;) {
-    const ssize_t length =
-        pread(fileno(parts->log), part.data(), part.size(), static_cast<off_t>(text.size()));
+    const ssize_t length = pread(fileno(logFile), part.data(), part.size(), static_cast<off_t>(text.size()));
     if (length <= 0) {
       return text;
     }

@@ -24,3 +24,17 @@ for package in "$agent_package" "$dev_package"; do
   fail "${package##*/} is another file when it is built elsewhere"
 done
 sha256sum "$agent_package" "$dev_package"
+
+# Packages for others name who answers for them; nothing else of them changes.
+default="velta maintainers <maintainers@velta.example>"
+own="Jo Doe <jo@packages.example.org>"
+(cd "$copy" && cmake --preset package "-DVELTA_MAINTAINER=$own" && nice ./package "$work/debs") >"$work/log" 2>&1 ||
+  { cat "$work/log" && fail "packages of another maintainer"; }
+for package in "$agent_package" "$dev_package"; do
+  other=$work/debs/${package##*/}
+  same "the maintainer" "$default" "$(dpkg-deb -f "$package" Maintainer)"
+  same "the maintainer that was named" "$own" "$(dpkg-deb -f "$other" Maintainer)"
+  cmp <(dpkg-deb --fsys-tarfile "$package") <(dpkg-deb --fsys-tarfile "$other") || fail "more than the maintainer changed"
+done
+! (cd "$copy" && cmake --preset package "-DVELTA_MAINTAINER=jo@packages.example.org") >/dev/null 2>&1 ||
+  fail "an address without a name is taken, which dpkg and lintian refuse"

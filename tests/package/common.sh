@@ -19,6 +19,9 @@ same() {
   fail "$1"
 }
 
+# Keeps the events on standard input with those of the other tests, which are all held against their schemas.
+keep_events() { if [ -n "${VELTA_EVENTS_FILE:-}" ]; then cat >>"$VELTA_EVENTS_FILE"; else cat >/dev/null; fi; }
+
 # agent_files SOURCES: every file that the agent's package should have, with its mode and owner. Of some folders all
 # that is in them.
 agent_files() {

@@ -21,7 +21,8 @@ dpkg-deb -x "$agent_package" "$work"
 version=$(dpkg-deb -f "$agent_package" Version)
 same "the version that the agent tells" "velta-agent $version" "$("$work/usr/bin/velta-agent" --version)"
 # It finds its module as it lies there.
-"$work/usr/bin/velta-agent" --once --log-level off >/dev/null || [ $? -eq 1 ] || fail "the agent did not find its module"
+"$work/usr/bin/velta-agent" --once --log-level off >"$work/events" || [ $? -eq 1 ] || fail "the agent did not find its module"
+keep_events <"$work/events"
 "$work/usr/bin/velta-agent" --check-policy "$work/etc/velta-agent/policy.json" || fail "the default policy is none"
 unit=$work/usr/lib/systemd/system/velta-agent.service
 program=$(sed -nE 's@^ExecStart=(/[^ ]*).*@\1@p' "$unit")

@@ -19,7 +19,8 @@ as_user() { env -i PATH=/usr/bin:/bin HOME="$home" setpriv --reuid 65534 --regid
 
 as_user test -x "$cmake" || { echo "skipped: nobody but root may run $cmake here" && exit 77; }
 
-as_user "$cmake" --install "$home/build" --prefix "$prefix" >"$work/log" 2>&1 || { cat "$work/log" >&2 && fail "cmake --install"; }
+install() { as_user "$cmake" --install "$home/build" --prefix "$prefix" >"$work/log" 2>&1 || { cat "$work/log" >&2 && fail "cmake --install"; }; }
+install
 
 expected=$(
   { agent_files "$sources"; cat "$(dirname "$0")/libvelta-detect-user-dev.contents"; } |
@@ -35,5 +36,25 @@ same "the unit" "$(sed "s@/usr/bin/velta-agent@$prefix/bin/velta-agent@; s@/etc/
 same "what it starts" "$prefix/bin/velta-agent --policy $prefix/etc/velta-agent/policy.json" \
   "$(sed -n 's/^ExecStart=\(.*\) --syslog .*/\1/p' "$prefix/$unit")"
 
-as_user "$prefix/bin/velta-agent" --once --log-level off --policy "$prefix/etc/velta-agent/policy.json" >/dev/null ||
+as_user "$prefix/bin/velta-agent" --once --log-level off --policy "$prefix/etc/velta-agent/policy.json" >"$work/events" ||
   [ $? -eq 1 ] || fail "the agent did not find its module or its policy"
+keep_events <"$work/events"
+
+# Installed once more: what an administrator has changed stays, with a word about it, and nothing else does.
+install
+! grep -q Kept "$work/log" || fail "a word about files that nobody has changed: $(cat "$work/log")"
+policy=$prefix/etc/velta-agent/policy.json rules=$prefix/etc/logrotate.d/velta-agent
+cp "$prefix/$unit" "$work/unit"
+echo '# changed' >>"$prefix/$unit"
+echo '{ "of-the-administrator": {} }' >"$policy"
+rm "$rules" && ln -s /nowhere "$rules"
+install
+same "the policy of the administrator" '{ "of-the-administrator": {} }' "$(cat "$policy")"
+same "where the rules lead that the administrator turned off" /nowhere "$(readlink "$rules")"
+same "the unit" "$(cat "$work/unit")" "$(cat "$prefix/$unit")"
+same "what is said of it" "-- Kept, as it was changed: $policy (this version's is $home/sources/packaging/policy/policy.json)
+-- Kept, as it was changed: $rules (this version's is $home/sources/packaging/logrotate/velta-agent)" "$(grep Kept "$work/log")"
+rm "$policy" "$rules"
+install
+cmp "$policy" "$sources/packaging/policy/policy.json" || fail "a policy that was removed is not installed"
+[ -f "$rules" ] || fail "rules that were removed are not installed"

@@ -32,9 +32,11 @@ exec 3<>"$work/alerts"
 useradd -o -u 0 -M example-toor 2>/dev/null
 IFS= read -r -t $patience alert <&3 || { cat "$work/log" >&2 && fail "no alert"; }
 echo "$alert"
+keep_events <<<"$alert"
 [[ $alert == *'"userName":"example-toor"'* && $alert == *'"eventType":"unauthorized-root-user"'* ]] || fail "another alert"
 useradd -o -u 0 -M example-second 2>/dev/null
 IFS= read -r -t $patience alert <&3 || fail "no second alert: changes are not watched"
+keep_events <<<"$alert"
 [[ $alert == *'"userName":"example-second"'* ]] || fail "another alert: $alert"
 kill $!
 code=0

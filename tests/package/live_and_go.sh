@@ -56,7 +56,7 @@ sees_a_root_account() {
   IFS= read -r -t $patience alert <&3 || { cat "$work/agent.log" >&2 && fail "no alert for $1"; }
   [[ $alert == *'"eventType":"unauthorized-root-user"'*"\"userName\":\"$1\",\"uid\":0,"* ]] || fail "another alert: $alert"
   echo "$alert"
-  [ -z "${VELTA_EVENTS_FILE:-}" ] || echo "$alert" >>"$VELTA_EVENTS_FILE" # held against its schema, with all others
+  keep_events <<<"$alert"
   kill $!
   wait $! || code=$?
   [ $code -eq 0 ] || fail "the agent ended with code $code"

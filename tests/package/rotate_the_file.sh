@@ -48,5 +48,4 @@ until_names "$alerts.1" second
 same "the alerts in the packed file" first "$(zcat "$alerts.2.gz" | sed -E 's/.*"userName":"([^"]*)".*/\1/')"
 kill "$agent"
 wait "$agent" || fail "the agent ended with code $?"
-# Held against their schema, with the events of all other tests.
-[ -z "${VELTA_EVENTS_FILE:-}" ] || { zcat "$alerts.2.gz" && cat "$alerts.1" "$alerts"; } >>"$VELTA_EVENTS_FILE"
+{ zcat "$alerts.2.gz" && cat "$alerts.1" "$alerts"; } | keep_events

@@ -19,6 +19,7 @@ within_reason() {
 }
 value() { systemctl show --value -p "$1" "${2:-velta-agent.service}"; }
 end() {
+  cp /var/log/velta-agent/alerts.jsonl /out/
   echo "$faults" >/out/done
   exit 0
 }
@@ -70,6 +71,8 @@ running() { setpriv --reuid 65534 --regid 65534 --clear-groups velta-agent --sta
 told() { running && grep -qE '^output +syslog: ok; 1 sent, 0 waiting' /out/status; }
 check "the agent tells of itself to everybody" within_reason told
 cat /out/status
+tells() { velta-agent --status --json >>/out/status.jsonl; }
+check "and to monitoring" tells
 
 first=$(grep ^policy /out/status)
 changed() { running && [ "$(grep ^policy /out/status)" != "$first" ]; }
@@ -82,6 +85,7 @@ echo '{ "unauthorized-root-user"' >/etc/velta-agent/policy.json
 systemctl reload velta-agent.service
 complains() { running && grep -q '; the running policy stays' /out/status; }
 check "a policy that is none leaves the agent running, and is told" within_reason complains
+tells # ends with 0 or 1, as the agent sees it
 check "still the same process" test "$(value ActiveState) $(value MainPID)" = "active $pid"
 echo '{ "unauthorized-root-user": {} }' >/etc/velta-agent/policy.json
 

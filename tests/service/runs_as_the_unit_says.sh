@@ -73,3 +73,12 @@ if ! [ -e "$out/done" ] || [ "$(cat "$out/done")" != 0 ]; then
   if [ -e "$out/started" ]; then echo "not as the unit says" >&2; else echo "the manager did not start" >&2; fi
   exit 1
 fi
+
+# What the agent has told syslog, written and said of itself, each as its schema wants it; kept with the events of the
+# other tests.
+sed -n 's/.*velta-agent\[[0-9]*\]: @cee: //p' "$out/syslog" >"$work/told"
+[ -s "$work/told" ] && [ -s "$out/alerts.jsonl" ] && [ "$(wc -l <"$out/status.jsonl")" = 2 ] ||
+  { echo "there are no events" >&2 && exit 1; }
+cat "$work/told" "$out/alerts.jsonl" "$out/status.jsonl" >"$work/events"
+/usr/bin/python3 -B "$here/../fleet/valid_events.py" --some-types "$here/../../docs/schema" "$work/events"
+[ -z "${VELTA_EVENTS_FILE:-}" ] || cat "$work/events" >>"$VELTA_EVENTS_FILE"
