@@ -1,6 +1,7 @@
 #include "agent/account_number.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <mutex>
@@ -22,10 +23,30 @@ constexpr AccountNumberRules strtoulRules{true,
                                           BeyondRange::Refused,
                                           BeyondRange::Refused};
 
+constexpr std::size_t mostPlainDigits = 9;  // fit 32 bits whatever they are
+
+// A few digits and nothing else, as nearly every number is: there is nothing in it that libraries differ in.
+bool ReadPlainNumber(const std::string& text, std::uint32_t& number) {
+  if (text.empty() || text.size() > mostPlainDigits) {
+    return false;
+  }
+  number = 0;
+  for (const char character : text) {
+    if (character < '0' || character > '9') {
+      return false;
+    }
+    number = number * 10 + static_cast<std::uint32_t>(character - '0');
+  }
+  return true;
+}
+
 }  // namespace
 
 std::optional<std::uint32_t> AccountNumberReader::Read(const std::string& text) {
   std::uint32_t number = 0;
+  if (ReadPlainNumber(text, number)) {
+    return number;
+  }
   if (!ReadAccountNumber(Rules(), text.data(), text.size(), number)) {
     return std::nullopt;
   }

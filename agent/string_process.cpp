@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <optional>
 #include <string>
@@ -33,7 +34,12 @@ int DigitValue(char character) {
 
 // The most common one, a single character, is looked for without the detour of a general search.
 std::size_t Find(const std::string& separator, const std::string& text, std::size_t start) {
-  return separator.size() == 1 ? text.find(separator.front(), start) : text.find(separator, start);
+  if (separator.size() != 1) {
+    return text.find(separator, start);
+  }
+  const void* const found = std::memchr(text.data() + start, separator.front(), text.size() - start);
+  return found == nullptr ? std::string::npos
+                          : static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
 }
 
 }  // namespace
