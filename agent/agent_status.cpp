@@ -121,6 +121,10 @@ std::string StatusJson(const AgentStatus& status) {
     reading["lines"] = Number(*status.reading.lines);
   }
   reading["obstacle"] = status.reading.obstacle;
+  if (status.failures > 0) {
+    reading["failures"] = Number(status.failures);
+    reading["failingSince"] = TimeText(status.failingSince);
+  }
   content.JsonItemAddToObject("reading", reading);
 
   MyValue watch;
@@ -150,6 +154,8 @@ std::string StatusLine(const AgentStatus& status) {
   std::string line = status.detects ? "watching " + status.accountFile : "the policy has the detection off";
   if (!status.reading.obstacle.empty()) {
     line = "not reading: " + status.reading.obstacle;
+  } else if (status.failures > 0) {
+    line += ", but readings fail";
   }
   line += status.watch.polls ? ", by polling" : "";
   for (const DeliveryState& delivery : status.deliveries) {

@@ -52,6 +52,8 @@ struct AgentStatus {
 
   std::string accountFile;
   ReadingRecord::State reading;
+  std::size_t failures = 0;  // of readings, in a row
+  std::time_t failingSince = 0;
   FileMonitor::State watch = FileMonitor::State();
   std::vector<DeliveryState> deliveries;
   Logger::Trouble lastError;

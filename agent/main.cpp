@@ -84,7 +84,8 @@ auto Started(const char* part, Build build) {
 }
 
 // A descriptor that was closed at the start would be given to the first file that is opened, and alerts or
-// log lines would end up there.
+// log lines would end up there. In a bare root without devices a folder takes the number, opened in a way
+// that cannot be written to: what is for nobody is lost all the same.
 void OccupyStandardDescriptors(const Options& options) {
   for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
     if (fcntl(descriptor, F_GETFD) >= 0) {
@@ -94,9 +95,15 @@ void OccupyStandardDescriptors(const Options& options) {
     if (descriptor == STDOUT_FILENO && used) {
       throw Failure(EXIT_OUTPUT, "standard output is closed, and alerts are to go there; see --output");
     }
-    const int opened = open("/dev/null", O_RDWR | O_NOCTTY);
-    if (opened != descriptor && opened >= 0) {
-      dup2(opened, descriptor);
+    int opened = open("/dev/null", O_RDWR | O_NOCTTY);
+    if (opened < 0) {
+      opened = open("/", O_PATH);
+    }
+    if (opened < 0 || (opened != descriptor && dup2(opened, descriptor) < 0)) {
+      throw Failure(EXIT_SYSTEM, "descriptor " + std::to_string(descriptor) +
+                                     " is closed and cannot be taken: " + std::strerror(errno));
+    }
+    if (opened != descriptor) {
       close(opened);
     }
   }
@@ -191,8 +198,18 @@ void TidyUp() {
   GiveBackFreedMemory();
 }
 
-// The number of the next signal; 0 when `until` comes first, or for no reason at all.
+// The number of the next signal; 0 when `until` comes first, or for no reason at all. The kernel gives the
+// lowest of several: with one SIGHUP after the other, an end would never have its turn.
 int NextSignal(const sigset_t& signals, std::optional<Beat::Time> until) {
+  sigset_t ends;
+  sigemptyset(&ends);
+  sigaddset(&ends, SIGTERM);
+  sigaddset(&ends, SIGINT);
+  const timespec noTime = timespec();
+  const int end = sigtimedwait(&ends, nullptr, &noTime);
+  if (end > 0) {
+    return end;
+  }
   if (!until) {
     return std::max(sigwaitinfo(&signals, nullptr), 0);
   }
@@ -316,7 +333,8 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
                          [&readings](std::size_t lines) { readings.Counted(lines); });
     });
   }
-  Reporter reporter({readings, monitor, queue, changes, logger}, options.statusPath, options.policyPath);
+  Reporter reporter({readings, scheduler, monitor, queue, changes, logger}, options.statusPath,
+                    options.policyPath);
   // Last: unloaded while everything that it calls still stands.
   const LoadedModule module = OrFail(EXIT_MODULE, [&] { return LoadedModule(modulePath); });
 

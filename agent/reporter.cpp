@@ -68,6 +68,12 @@ AgentStatus Reporter::Status() const {
   status.detects = detection;
   status.accountFile = accountFilePath;
   status.reading = sources.readings.Now();
+  if (const auto failing = sources.scheduler.Failing()) {
+    status.failures = failing->count;
+    status.failingSince =
+        status.now - static_cast<std::time_t>(
+                         std::chrono::duration_cast<std::chrono::seconds>(Now() - failing->since).count());
+  }
   status.watch = sources.monitor.Look();
   status.deliveries = sources.deliveries.States();
   status.lastError = sources.logger.LastError();

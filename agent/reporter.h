@@ -14,6 +14,7 @@
 #include "agent/logger.h"
 #include "agent/service_manager.h"
 #include "agent/status_file.h"
+#include "agent/task_scheduler.h"
 
 // Tells how the agent is: in the status file, and to the service manager. Neither is needed: what cannot be
 // told ends up in the log at most.
@@ -23,6 +24,7 @@ class Reporter {
  public:
   struct Sources {
     const ReadingRecord& readings;
+    const TaskScheduler& scheduler;
     const FileMonitor& monitor;
     const Deliveries& deliveries;
     ChangeSignal& changes;

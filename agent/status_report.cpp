@@ -68,6 +68,10 @@ std::string Readable(const json& event, const json& content) {
   if (!TextIn(reading, "obstacle").empty()) {
     text += "          NOT READ: " + TextIn(reading, "obstacle") + "\n";
   }
+  if (reading.contains("failures")) {
+    text += "          FAILING: " + TextIn(reading, "failures") + " in a row, since " +
+            Moment(reading, "failingSince") + "; the log says why\n";
+  }
   text += "watching  " + TextIn(watch, "watches") + " watches" +
           (IsOn(watch, "polls") ? ", and polling, as one was refused\n" : "\n");
   for (const json& output : content.value("outputs", json::array())) {
@@ -85,7 +89,8 @@ bool HasTrouble(const json& content) {
       return true;
     }
   }
-  return !TextIn(ObjectIn(content, "reading"), "obstacle").empty() ||
+  const json reading = ObjectIn(content, "reading");
+  return !TextIn(reading, "obstacle").empty() || reading.contains("failures") ||
          IsOn(ObjectIn(content, "watch"), "polls") || !IsOn(ObjectIn(content, "policy"), "detects");
 }
 

@@ -6,6 +6,7 @@
 #include <new>
 #include <utility>
 
+#include "agent/held_up.h"
 #include "agent/logger.h"
 #include "agent/services.h"
 
@@ -38,8 +39,12 @@ void LogFailure(Logger& logger, const std::string& name, const char* reason) {
 // Exceptions end here: the thread is the agent's, and so is every other task.
 TaskTable::Outcome Run(const TaskTable::Task& task, Logger& logger) {
   try {
+    const HeldUp heldUp;
     task.function(task.arg);
-    return TaskTable::Outcome::Done;
+    if (!heldUp.WasInterrupted()) {
+      return TaskTable::Outcome::Done;
+    }
+    LogFailure(logger, task.name, "it was held up");
   } catch (const std::exception& error) {
     LogFailure(logger, task.name, error.what());
   } catch (...) {
@@ -151,6 +156,11 @@ bool TaskScheduler::WaitUntilIdle() {
   std::unique_lock<std::mutex> lock(mutex);
   ended.wait(lock, [this] { return table.IsIdle(Now()); });
   return !anyFailed;
+}
+
+std::optional<TaskTable::Failures> TaskScheduler::Failing() const {
+  const std::lock_guard<std::mutex> lock(mutex);
+  return table.Failing();
 }
 
 void TaskScheduler::Work() {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +24,8 @@ class Logger;
 //
 // A thread that launches tasks and has nothing better to do may volunteer to run them itself: waking a worker
 // takes longer than many a task. It does so beside the workers, so what they are at holds nothing of it up.
+//
+// A run that does not come back from a system call is interrupted, and tried again; see HeldUp.
 //
 // An exception that leaves a task ends where it runs: it is logged with the task's name, and the task stays.
 //
@@ -71,6 +74,9 @@ class TaskScheduler {
   // refused.
   bool WaitUntilIdle();
 
+  // Of the task that has failed for longest; nothing while the last run of each was done.
+  std::optional<TaskTable::Failures> Failing() const;
+
  private:
   void Work();
   void RunLocked(std::unique_lock<std::mutex>& lock, unsigned id);  // lets go of the lock while the task runs
@@ -84,7 +90,7 @@ class TaskScheduler {
   std::mutex idleMutex;  // makes calls of idle exclusive
   std::mutex gateMutex;  // guards toldReason; makes calls of the gate exclusive
   std::string toldReason;
-  std::mutex mutex;  // guards everything below it but the threads
+  mutable std::mutex mutex;  // guards everything below it but the threads
   std::condition_variable changed;
   std::condition_variable ended;
   TaskTable table;

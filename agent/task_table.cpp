@@ -142,8 +142,12 @@ void TaskTable::End(unsigned id, Outcome outcome, Time began, Time now) {
   switch (outcome) {
     case Outcome::Done:
       task.retryWait = milliseconds::zero();
+      task.failures = 0;
       break;
     case Outcome::Failed:
+      if (task.failures++ == 0) {
+        task.failingSince = now;
+      }
       task.retryWait = std::clamp(task.retryWait * 2, firstRetry, longestRetry);
       next = Earlier(next, now + task.retryWait);
       break;
@@ -158,6 +162,16 @@ void TaskTable::End(unsigned id, Outcome outcome, Time began, Time now) {
     task.due = next;
     task.mayWait = false;
   }
+}
+
+std::optional<TaskTable::Failures> TaskTable::Failing() const {
+  std::optional<Failures> longest;
+  for (const auto& [id, task] : tasks) {
+    if (task.failures > 0 && (!longest || task.failingSince < longest->since)) {
+      longest = Failures{task.failures, task.failingSince};
+    }
+  }
+  return longest;
 }
 
 const TaskTable::Task* TaskTable::Find(unsigned id) const {

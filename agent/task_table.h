@@ -37,6 +37,8 @@ class TaskTable {
     std::optional<Time> due;    // when to run next, again if it is running; nothing: only after a launch
     std::optional<Time> timer;  // when the timer wants it next
     std::chrono::milliseconds retryWait{0};
+    std::size_t failures = 0;  // in a row
+    Time failingSince;         // if there are any
     bool running = false;
     bool mayWait = false;
     bool paused = false;
@@ -68,6 +70,13 @@ class TaskTable {
 
   // Ends the run that Begin started.
   void End(unsigned id, Outcome outcome, Time began, Time now);
+
+  // Runs in a row that failed or were refused.
+  struct Failures {
+    std::size_t count;
+    Time since;
+  };
+  std::optional<Failures> Failing() const;  // of the task that has failed for longest, if one does
 
   // Null for an unknown id.
   const Task* Find(unsigned id) const;

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -168,13 +167,34 @@ TEST_F(StatusFileTest, HealthIsShownAndEndsWithZero) {
 }
 
 TEST_F(StatusFileTest, AnAgentThatDetectsNothingNeedsALook) {
-  const std::string off =
-      std::regex_replace(std::string(health), std::regex("\"detects\":true"), "\"detects\":false");
+  const std::string on = "\"detects\":true";
+  std::string off = health;
+  off.replace(off.find(on), on.size(), "\"detects\":false");
   StatusFile file(path);
   ASSERT_TRUE(file.Write(off));
   const StatusReport report = ReportStatus(path, false);
   EXPECT_THAT(report.output, HasSubstr(": detection off\n"));
   EXPECT_EQ(report.exitCode, EXIT_ALERTS);
+}
+
+TEST_F(StatusFileTest, ReadingsThatFailNeedALook) {
+  AgentStatus status;
+  status.detects = true;
+  status.accountFile = "/etc/passwd";
+  status.watch.watches = 3;
+  StatusFile file(path);
+  ASSERT_TRUE(file.Write(StatusJson(status)));
+  EXPECT_THAT(ReportStatus(path, false).output, testing::Not(HasSubstr("FAILING")));
+  EXPECT_EQ(ReportStatus(path, false).exitCode, EXIT_DONE);
+  EXPECT_EQ(StatusLine(status), "watching /etc/passwd");
+  status.failures = 7;
+  status.failingSince = 1795246482;
+  ASSERT_TRUE(file.Write(StatusJson(status)));
+  const StatusReport report = ReportStatus(path, false);
+  EXPECT_THAT(report.output,
+              HasSubstr("          FAILING: 7 in a row, since 2026-11-21 07:34:42 UTC; the log says why\n"));
+  EXPECT_EQ(report.exitCode, EXIT_ALERTS);
+  EXPECT_EQ(StatusLine(status), "watching /etc/passwd, but readings fail");
 }
 
 TEST_F(StatusFileTest, WithoutARunningAgentNothingIsPrintedAsTheState) {

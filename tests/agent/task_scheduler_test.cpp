@@ -1,6 +1,9 @@
 #include "agent/task_scheduler.h"
 
+#include <fcntl.h>
+
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -16,11 +19,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "agent/held_up.h"
 #include "agent/logger.h"
 #include "host/task_scheduler.h"
 #include "tests/agent/written_log.h"
 #include "tests/contract/waiting.h"
 #include "tests/support/latch.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
@@ -151,6 +156,42 @@ TEST_F(TaskSchedulerTest, WhatAVolunteerIsAtDoesNotHoldTheWorkersUp) {
   mayEnd.Open();
   volunteer.join();
   scheduler.reset();  // before what its tasks use
+}
+
+// As of a FIFO that nobody writes to.
+TEST_F(TaskSchedulerTest, ARunThatIsHeldUpIsInterruptedAndTriedAgain) {
+  const TemporaryFolder folder;
+  const std::string fifo = folder.MakeFifo("fifo");
+  scheduler = std::make_unique<TaskScheduler>(1, logger);
+  std::vector<int> errors;
+  Tally runs;
+  Job job = {[&] {
+    const int descriptor = errors.empty() ? open(fifo.c_str(), O_RDONLY | O_CLOEXEC) : -1;
+    errors.push_back(descriptor < 0 ? errno : 0);
+    runs.Add();
+  }};
+  scheduler->Launch(Register(job, "held up"));
+  EXPECT_TRUE(runs.Reaches(2));
+  scheduler.reset();
+  EXPECT_EQ(errors.front(), EINTR);
+  EXPECT_THAT(written.Text(), HasSubstr("task held up failed and will be tried again: it was held up"));
+}
+
+// A reading of a very large file takes longer than a thread may be held up.
+TEST_F(TaskSchedulerTest, ARunThatWorksForLongIsNoFailure) {
+  scheduler = std::make_unique<TaskScheduler>(1, logger);
+  Tally runs;
+  Job job = {[&] {
+    const auto end = std::chrono::steady_clock::now() + HeldUp::patience + std::chrono::milliseconds(500);
+    while (std::chrono::steady_clock::now() < end) {
+    }
+    runs.Add();
+  }};
+  scheduler->Launch(Register(job));
+  EXPECT_TRUE(runs.Reaches(1));
+  EXPECT_FALSE(runs.Reaches(2, temptation));
+  EXPECT_TRUE(scheduler->WaitUntilIdle()) << "it did not fail";
+  scheduler.reset();
 }
 
 TEST_F(TaskSchedulerTest, ARunOfAVolunteerThatFailsOrIsPutOffIsTriedAgainByTheWorkers) {
@@ -578,6 +619,8 @@ TEST_F(TaskSchedulerTest, Fault05AnExceptionIsLoggedWithTheNameOfTheTaskWhichGoe
   const unsigned id = Register(job, "its name");
   scheduler->Launch(id);
   EXPECT_FALSE(scheduler->WaitUntilIdle());
+  ASSERT_TRUE(scheduler->Failing());
+  EXPECT_EQ(scheduler->Failing()->count, 1u);
   EXPECT_THAT(written.Text(), HasSubstr("error task its name failed and will be tried again: the reason\n"));
   EXPECT_THAT(written.Text(), Not(HasSubstr("unknown type")));
 
@@ -589,6 +632,7 @@ TEST_F(TaskSchedulerTest, Fault05AnExceptionIsLoggedWithTheNameOfTheTaskWhichGoe
 
   scheduler->Launch(id);
   EXPECT_FALSE(scheduler->WaitUntilIdle()) << "a failure is told until the end";
+  EXPECT_FALSE(scheduler->Failing());
   EXPECT_EQ(runs.Count(), 3);
 }
 

@@ -2,6 +2,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -11,8 +12,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <ctime>
+#include <fstream>
 #include <memory>
-#include <regex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -30,7 +32,7 @@ using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-void Require(bool done, const std::string& step) {
+void RequireForDev(bool done, const std::string& step) {
   if (!done) {
     throw std::runtime_error("no private /dev: " + step + ": " + std::strerror(errno));
   }
@@ -41,15 +43,15 @@ class PrivateDev {
  public:
   PrivateDev() {
     const std::string fresh = folder.Path("dev");
-    Require(mkdir(fresh.c_str(), 0755) == 0 && mount("tmpfs", fresh.c_str(), "tmpfs", 0, "mode=755") == 0,
-            "new");
+    RequireForDev(
+        mkdir(fresh.c_str(), 0755) == 0 && mount("tmpfs", fresh.c_str(), "tmpfs", 0, "mode=755") == 0, "new");
     for (const char* const name : {"null", "zero", "full", "random", "urandom"}) {
       const std::string node = WriteEmpty(fresh + "/" + name);
-      Require(mount((std::string("/dev/") + name).c_str(), node.c_str(), nullptr, MS_BIND, nullptr) == 0,
-              name);
+      RequireForDev(
+          mount((std::string("/dev/") + name).c_str(), node.c_str(), nullptr, MS_BIND, nullptr) == 0, name);
     }
-    Require(symlink("/proc/self/fd", (fresh + "/fd").c_str()) == 0, "fd");
-    Require(mount(fresh.c_str(), "/dev", nullptr, MS_MOVE, nullptr) == 0, "covering");
+    RequireForDev(symlink("/proc/self/fd", (fresh + "/fd").c_str()) == 0, "fd");
+    RequireForDev(mount(fresh.c_str(), "/dev", nullptr, MS_MOVE, nullptr) == 0, "covering");
   }
   ~PrivateDev() { umount2("/dev", MNT_DETACH); }
   PrivateDev(const PrivateDev&) = delete;
@@ -63,6 +65,15 @@ class PrivateDev {
 
   TemporaryFolder folder;
 };
+
+// A record as the daemon gets it, without its time: "<81>Nov  1 08:15:42 name" is "<81>name". One that has no
+// time there stays as it is.
+std::string WithoutStamp(const std::string& record) {
+  const std::size_t begin = record.find('>') + 1;
+  std::tm time = {};
+  const char* const rest = strptime(record.c_str() + begin, "%b %e %H:%M:%S ", &time);
+  return rest == nullptr ? record : record.substr(0, begin) + rest;
+}
 
 // Listens as a log daemon does. What it has not taken is gone with it.
 class LogDaemon {
@@ -83,7 +94,6 @@ class LogDaemon {
 
   // The next record, without the times in it; what other programs log is passed over.
   std::string Next() const {
-    static const std::regex stamp("^(<[0-9]+>)[A-Z][a-z]{2} [ 0-9]{2} [0-9:]{8} ");
     for (;;) {
       pollfd readable = {descriptor, POLLIN, 0};
       std::vector<char> record(std::size_t{1} << 18);
@@ -96,7 +106,7 @@ class LogDaemon {
       if (text.find(" velta-agent[") != std::string::npos) {
         static const std::string cookie = "@cee: ";
         RecordEvent(text.substr(text.find(cookie) + cookie.size()));
-        return WithoutTime(std::regex_replace(text, stamp, "$1"));
+        return WithoutTime(WithoutStamp(text));
       }
     }
   }
@@ -260,6 +270,38 @@ TEST_F(Outputs, ARunningAgentTellsOfItselfAndOneThatHasEndedDoesNot) {
   EXPECT_EQ(outcome.output, "");
   EXPECT_EQ(outcome.errors,
             "velta-agent: no agent tells of itself here: " + statusPath + ": No such file or directory\n");
+}
+
+TEST_F(Outputs, Fault24ReadingsThatFailForWantOfMemoryAreInTheStatus) {
+  if (VELTA_SANITIZED || sizeof(VELTA_EMULATOR) > 1) {
+    GTEST_SKIP() << "a sanitizer or an emulator needs memory of its own";
+  }
+  const auto agent = Watching({"--status-file", statusPath});
+  ExpectSilence(*agent);
+  rlimit before = {};
+  std::size_t pages = 0;
+  std::ifstream("/proc/" + std::to_string(agent->Process()) + "/statm") >> pages;
+  const rlimit little = {pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) + (4U << 20U),
+                         RLIM_INFINITY};
+  ASSERT_EQ(prlimit(agent->Process(), RLIMIT_AS, &little, &before), 0);
+  std::string lines = etc.Passwd();
+  for (int number = 0; number < 30000; ++number) {
+    lines += "user" + std::to_string(number) + ":x:1000:1000::/:\n";
+  }
+  etc.ReplacePasswd(lines + RootLine("toor") + "\n");
+  EXPECT_THAT(agent->LogUntil("will be tried again"), HasSubstr("will be tried again: std::bad_alloc"));
+  const Outcome failing = StatusWith("FAILING: ");
+  EXPECT_EQ(failing.exitCode, 1);
+  EXPECT_THAT(failing.output, HasSubstr(" in a row, since "));
+
+  ASSERT_EQ(prlimit(agent->Process(), RLIMIT_AS, &before, nullptr), 0);
+  EXPECT_EQ(agent->NextAlert(), AlertFor("toor"));
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (Status().exitCode != 0 && std::chrono::steady_clock::now() < deadline) {
+    ExpectSilence(*agent);
+  }
+  EXPECT_THAT(Status().output, testing::Not(HasSubstr("FAILING")));
+  ExpectOrderlyEnd(*agent);
 }
 
 TEST_F(Outputs, AnAgentThatCannotWriteItsStatusSaysSoAndWatches) {
