@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -17,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/agent/descriptor_limit.h"
+#include "tests/support/event_time.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
@@ -75,12 +75,12 @@ TEST_F(AccountFileTest, WhatIsNoFileIsAnObstacle) {
 }
 
 TEST_F(AccountFileTest, AFileBeyondTheLimitIsAnObstacle) {
-  constexpr off_t limit = 256 << 20;
+  constexpr off_t limit = 64 << 20;
   WriteFile(path, "");
   ASSERT_EQ(truncate(path.c_str(), limit), 0);
   EXPECT_EQ(ObstacleToReading(path), "");
   ASSERT_EQ(truncate(path.c_str(), limit + 1), 0);
-  EXPECT_EQ(ObstacleToReading(path), path + " is larger than 256 MiB");
+  EXPECT_EQ(ObstacleToReading(path), path + " is larger than 64 MiB");
 }
 
 using Answer = TaskScheduler::Permission::Answer;
@@ -187,7 +187,8 @@ TEST_F(ReadingGateTest, AnObstacleIsToldOnceUntilReadingsBeginAgain) {
   const std::string path = folder.Path("passwd");
   std::vector<std::string> told;
   ReadingGate telling([&told](const std::string& reason) { told.push_back(reason); });
-  const auto ask = [&] { return telling.Ask(path, ReadingGate::Time()).answer; };
+  ReadingGate::Time now;
+  const auto ask = [&] { return telling.Ask(path, now).answer; };
   folder.MakeFifo("passwd");
   EXPECT_EQ(ask(), Answer::No);
   EXPECT_EQ(ask(), Answer::No);
@@ -196,18 +197,40 @@ TEST_F(ReadingGateTest, AnObstacleIsToldOnceUntilReadingsBeginAgain) {
   folder.Write("passwd", "");
   std::filesystem::resize_file(path, largestAccountFile + 1);
   EXPECT_EQ(ask(), Answer::No);
-  EXPECT_THAT(told, ElementsAre(path + " is not a regular file", path + " is larger than 256 MiB"));
+  EXPECT_THAT(told, ElementsAre(path + " is not a regular file", path + " is larger than 64 MiB"));
   std::filesystem::resize_file(path, 1);
   EXPECT_EQ(ask(), Answer::Yes);
+  now += std::chrono::minutes(1);
   std::filesystem::resize_file(path, largestAccountFile + 1);
   EXPECT_EQ(ask(), Answer::No);
   EXPECT_EQ(told.size(), 3u) << "it is another time";
 }
 
+TEST_F(ReadingGateTest, WhatComesAndGoesIsToldOnceAMinuteAndLaterIfItStandsThen) {
+  std::vector<std::string> told;
+  ReadingGate telling([&told](const std::string& reason) { told.push_back(reason); });
+  const AccountFileLook fifo{FileStatus(), 0};
+  const std::string noFile = "/passwd is not a regular file";
+  for (int ms = 0; ms < 6000; ms += 6) {
+    EXPECT_EQ(telling.Ask("/passwd", fifo, At(ms)).reason, noFile) << "the log is told each time";
+    EXPECT_EQ(telling.Ask("/passwd", Regular(1), At(ms + 3)).reason, "");
+  }
+  EXPECT_THAT(told, ElementsAre(noFile));
+  telling.Ask("/passwd", Regular(largestAccountFile + 1), At(6000));
+  EXPECT_EQ(told.size(), 2u) << "another reason has a minute of its own";
+  telling.Ask("/passwd", fifo, At(6001));
+  telling.Ask("/passwd", fifo, At(59999));
+  EXPECT_EQ(told.size(), 2u);
+  telling.Ask("/passwd", fifo, At(60000));
+  EXPECT_EQ(told.back(), noFile) << "it stands, and was passed over";
+  EXPECT_EQ(told.size(), 3u);
+  telling.Ask("/passwd", fifo, At(600000));
+  EXPECT_EQ(told.size(), 3u) << "it was told, and has not gone since";
+}
+
 TEST(UnreadableEventTest, HasTheFormOfAnAlert) {
-  static const std::regex time(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)");
   EXPECT_EQ(
-      std::regex_replace(UnreadableEvent("/etc/passwd", "what \"it\" is"), time, "TIME"),
+      WithoutTimes(UnreadableEvent("/etc/passwd", "what \"it\" is")),
       R"({"eventType":"account-file-unreadable","eventTime":"TIME","eventContent":{"path":"/etc/passwd","reason":"what \"it\" is"}})");
 }
 

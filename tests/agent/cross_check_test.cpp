@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <future>
 #include <memory>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -23,6 +22,7 @@
 #include "agent/send_queue.h"
 #include "agent/task_scheduler.h"
 #include "tests/support/event_record.h"
+#include "tests/support/event_time.h"
 #include "tests/support/line_reader.h"
 #include "tests/support/temporary_folder.h"
 
@@ -44,10 +44,9 @@ class CrossCheckTest : public testing::Test {
 
   // The next event, without its time.
   std::string Next() {
-    static const std::regex time(R"("eventTime":"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d")");
     const std::string event = events.Next(soon);
     RecordEvent(event);
-    return std::regex_replace(event, time, R"("eventTime":"TIME")");
+    return WithoutTimes(event);
   }
 
   static std::string Event(const std::string& name, int line, const std::string& reason = "too few fields") {

@@ -16,15 +16,13 @@
 #include "agent/event_sink.h"
 #include "agent/logger.h"
 #include "tests/agent/hanging_output.h"
+#include "tests/agent/patience.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
 
 using std::chrono::milliseconds;
 using testing::ElementsAre;
-
-constexpr milliseconds generous(60000);
-constexpr unsigned noLimit = 0;
 
 // Takes no event as long as it is held.
 class HeldOutput : public EventOutput {
@@ -66,7 +64,7 @@ class HeldOutput : public EventOutput {
 };
 
 // Tells when the state has changed so that a question is answered with yes.
-class Changes {
+class ChangesOfState {
  public:
   std::function<void()> Notify() {
     return [this] {
@@ -110,7 +108,7 @@ class DeliveriesTest : public testing::Test {
   TemporaryFolder folder;
   const std::string path = folder.Path("events");
   Logger logger{LogLevel::Off};
-  Changes changes;
+  ChangesOfState changes;
   HeldOutput* held = nullptr;
   std::unique_ptr<Deliveries> deliveries;
 };

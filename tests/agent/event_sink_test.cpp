@@ -25,6 +25,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/agent/file_size_limit.h"
+#include "tests/agent/patience.h"
 #include "tests/support/line_reader.h"
 #include "tests/support/temporary_folder.h"
 
@@ -33,9 +35,6 @@ namespace {
 using std::chrono::milliseconds;
 using testing::ElementsAre;
 using Outcome = EventSink::Outcome;
-
-constexpr milliseconds generous(60000);
-constexpr milliseconds brief(20);  // for a reader that is known to be stuck
 
 // What a failed assertion prints.
 std::string Text(Outcome outcome) {
@@ -63,29 +62,6 @@ class CreationMask {
 
  private:
   mode_t before;
-};
-
-// Keeps this process from writing any file beyond that size.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t size) {
-    std::signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &inherited);
-    rlimit limit = inherited;
-    limit.rlim_cur = size;
-    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) {
-      throw std::runtime_error("no limit on the size of files");
-    }
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &inherited);
-    std::signal(SIGXFSZ, SIG_DFL);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
- private:
-  rlimit inherited{};
 };
 
 // Standard output goes elsewhere while it lives.

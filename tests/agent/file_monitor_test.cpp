@@ -314,7 +314,7 @@ std::vector<Change> Changes() {
 
 void PrintTo(const Change& change, std::ostream* out) { *out << change.name; }
 
-std::string NameOf(const testing::TestParamInfo<Change>& info) { return info.param.name; }
+std::string NameOfChange(const testing::TestParamInfo<Change>& info) { return info.param.name; }
 
 class FileMonitorChangeTest : public FileMonitorTest, public testing::WithParamInterface<Change> {
  protected:
@@ -359,7 +359,7 @@ TEST_P(FileMonitorChangeTest, IsReportedFromPollingAloneWhereInotifyIsRefused) {
   EXPECT_THAT(written.Text(), HasSubstr("inotify refused a watch"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Change, FileMonitorChangeTest, testing::ValuesIn(Changes()), NameOf);
+INSTANTIATE_TEST_SUITE_P(Change, FileMonitorChangeTest, testing::ValuesIn(Changes()), NameOfChange);
 
 TEST_F(FileMonitorTest, AWriteThroughADescriptorThatStaysOpenIsReported) {
   Start();

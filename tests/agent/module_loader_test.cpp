@@ -119,11 +119,12 @@ TEST_F(ModuleLoaderTest, Fault21AModuleThatIsCutShortIsNamedWhereverItIsCut) {
   std::filesystem::resize_file(cut, whole - 1);
   EXPECT_EQ(Refusal(cut), "module " + cut + ": the file is cut short: it has " + std::to_string(whole - 1) +
                               " bytes of " + std::to_string(whole));
-  for (std::uintmax_t size = whole - whole % 509; size > 509; size -= 509) {
+  constexpr std::uintmax_t step = VELTA_CODE_IS_SLOW ? 4093 : 509;
+  for (std::uintmax_t size = whole - whole % step; size > step; size -= step) {
     std::filesystem::resize_file(cut, size);
     ASSERT_THAT(Refusal(cut), StartsWith("module " + cut + ": the file is cut short")) << size;
   }
-  for (std::uintmax_t size = 0; size < 509; ++size) {
+  for (std::uintmax_t size = 0; size < 509; size += VELTA_CODE_IS_SLOW ? 7 : 1) {
     std::filesystem::resize_file(cut, size);
     ASSERT_THAT(Refusal(cut), StartsWith("module " + cut + ": ")) << size;
     ASSERT_FALSE(IsMapped(cut)) << size;

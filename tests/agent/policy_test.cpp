@@ -118,15 +118,18 @@ TEST_F(PolicyTest, ALinkToAPolicyIsFollowed) {
   EXPECT_EQ(Load(folder.Path("link.json")), "{}");
 }
 
-TEST_F(PolicyTest, Fault19TenMegabytesAreReadWhole) {
-  const std::string text = "{\"unauthorized-root-user\": \"" + std::string(10 * 1024 * 1024, 'x') + "\"}";
+TEST_F(PolicyTest, Fault19MegabytesAreReadWhole) {
+  const std::string text =
+      "{\"unauthorized-root-user\": \"" + std::string(VELTA_CODE_IS_SLOW ? 1 << 20 : 10 << 20, 'x') + "\"}";
   EXPECT_TRUE(Load(folder.Write("policy.json", text)) == text);
 }
 
 TEST_F(PolicyTest, Fault19AFaultFarInIsFoundWhereItIs) {
+  constexpr std::size_t far = VELTA_CODE_IS_SLOW ? 100000 : 1000000;
   const std::string path =
-      folder.Write("policy.json", "[\n" + std::string(1000000, '\n') + std::string(1000000, ' ') + "?]");
-  EXPECT_THAT(Load(path), StartsWith("policy " + path + ":1000002:1000001: "));
+      folder.Write("policy.json", "[\n" + std::string(far, '\n') + std::string(far, ' ') + "?]");
+  EXPECT_THAT(Load(path), StartsWith("policy " + path + ":" + std::to_string(far + 2) + ":" +
+                                     std::to_string(far + 1) + ": "));
 }
 
 TEST_F(PolicyTest, Fault19AMillionNestedArraysAreNoCrash) {

@@ -232,7 +232,8 @@ TEST(ConvertStrToNumTest, AgreesWithTheCLibraryOnRandomTexts) {
   const std::string alphabet(characters, sizeof(characters) - 1);
   std::minstd_rand random(2);
   int taken = 0;
-  for (int round = 0; round < 200000; ++round) {
+  constexpr int rounds = VELTA_CODE_IS_SLOW ? 20000 : 200000;
+  for (int round = 0; round < rounds; ++round) {
     const int base = round % 4 == 0 ? static_cast<int>(3 + random() % 34) : 10;
     const std::string front = RandomText(random, " \t+-0x", 2);
     const std::string text = front + RandomText(random, round % 2 == 0 ? "0123456789" : alphabet, 11);
@@ -246,8 +247,8 @@ TEST(ConvertStrToNumTest, AgreesWithTheCLibraryOnRandomTexts) {
     taken += expectTaken ? 1 : 0;
   }
   // Both answers were put to the test.
-  EXPECT_GT(taken, 40000);
-  EXPECT_LT(taken, 160000);
+  EXPECT_GT(taken, rounds / 5);
+  EXPECT_LT(taken, rounds * 4 / 5);
 }
 
 TEST(ConvertStrToNumTest, AgreesWithTheCLibraryOnEveryTextOfOneOrTwoBytes) {

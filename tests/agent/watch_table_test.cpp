@@ -15,6 +15,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/agent/steady_time.h"
+
 namespace {
 
 using std::chrono::milliseconds;
@@ -27,9 +29,6 @@ using Time = WatchTable::Time;
 
 constexpr milliseconds never(0);
 constexpr char path[] = "/etc/passwd";
-
-// Tests begin after a day, as steady clocks do not begin at 0.
-Time At(std::int64_t ms) { return Time(std::chrono::hours(24)) + milliseconds(ms); }
 
 // A system as the test sets it: which path has which watch number, and what is refused.
 class SetSystem : public WatchedSystem {

@@ -208,13 +208,13 @@ TEST_F(PasswdReaderTest, NamesThatDifferInCaseOrByABlankAreNotRepeated) {
   EXPECT_THAT(host.TakeCalls(), IsEmpty());
 }
 
-TEST_F(PasswdReaderTest, AHundredThousandRepeatedNamesLeaveTheSurvivorsInOrderAndOneRecordEach) {
-  constexpr int repeats = 100000;
+TEST_F(PasswdReaderTest, ManyRepeatedNamesLeaveTheSurvivorsInOrderAndOneRecordEach) {
+  constexpr int repeats = VELTA_CODE_IS_SLOW ? 20000 : 100000;
   std::string content = "dup:x:0:0:c:/h:/s\n";
   std::vector<std::string> survivors = {"dup:0:0:/h:/s"};
   for (int repeat = 1; repeat <= repeats; ++repeat) {
     content += "dup:x:" + std::to_string(repeat) + ":0:c:/h:/s\n";
-    if (repeat % 10000 == 0) {
+    if (repeat % (repeats / 10) == 0) {
       // Names that fall while the lines rise, so that sorted is not in order
       const std::string name = "z" + std::to_string(repeats - repeat);
       content += name + ":x:5:6:c:/h:/s\n";

@@ -338,8 +338,8 @@ std::string Described(const RootAccount& account) {
          account.home + ":" + account.shell;
 }
 
-std::string Story(const Segment& segment, const std::vector<Phase>& phases,
-                  const std::vector<SoakAlert>& alerts, SoakTime origin) {
+std::string Told(const Segment& segment, const std::vector<Phase>& phases,
+                 const std::vector<SoakAlert>& alerts, SoakTime origin) {
   static const std::array<const char*, 5> looks = {"present", "absent", "begun", "empty", "unreadable"};
   std::string text = segment.firstOfLife ? "  a life begins\n" : "  read wholly before\n";
   constexpr std::size_t shown = 20;
@@ -481,7 +481,7 @@ Verdict Judge(const Segment& segment, milliseconds bound, SoakTime origin) {
       finding.kind = Finding::Kind::Invented;
     }
     finding.name = name;
-    finding.text = Story(segment, phases, alerts, origin);
+    finding.text = Told(segment, phases, alerts, origin);
     verdict.findings.push_back(std::move(finding));
   }
   return verdict;

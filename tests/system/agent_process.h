@@ -32,6 +32,9 @@ std::string WithoutTime(const std::string& alert);
 // Taken apart at the newlines, each without its time.
 std::vector<std::string> AlertsIn(const std::string& text);
 
+// How often the part is in the text.
+std::size_t Count(const std::string& text, const std::string& part);
+
 // What an agent process finds when it begins.
 struct Circumstances {
   std::string program = VELTA_AGENT_FILE;

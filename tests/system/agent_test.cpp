@@ -108,7 +108,8 @@ TEST_F(AgentTest, AFileThatIsEmptyForAMomentWhileItIsReadRepeatsNothing) {
 TEST_F(AgentTest, AFileThatStaysEmptyIsRead) {
   const std::string content = rootAndAlice + RootLine("toor") + "\n";
   etc.WritePasswd(content);
-  const auto agent = Watching({"--check-interval", "0"});
+  // The cross-check may read the old content late, which would pass for a reading of the empty file.
+  const auto agent = Watching({"--check-interval", "0", "--no-cross-check"});
   EXPECT_EQ(agent->NextAlert(soon), AlertFor("toor"));
   Readings readings;
   etc.ReplacePasswd("");
@@ -150,17 +151,19 @@ TEST_F(AgentTest, Fault11WhatIsNoFileIsNotReadAndTheFileThatComesBackIs) {
   const auto agent = Watching(Plain());
   ASSERT_NO_FATAL_FAILURE(Do("echo " + RootLine("before") + " >>passwd"));
   EXPECT_EQ(agent->NextAlert(), AlertFor("before"));
-  for (const char* const obstacle : {"mkfifo obstacle", "mkdir obstacle"}) {
-    ASSERT_NO_FATAL_FAILURE(Do("mv passwd kept && " + std::string(obstacle) + " && mv -T obstacle passwd"));
+  const std::string fifo = "mkfifo obstacle";
+  for (const std::string& obstacle : {fifo, std::string("mkdir obstacle")}) {
+    ASSERT_NO_FATAL_FAILURE(Do("mv passwd kept && " + obstacle + " && mv -T obstacle passwd"));
     EXPECT_THAT(agent->LogUntil("is not a regular file"), HasSubstr("/etc/passwd is not a regular file"));
-    EXPECT_EQ(agent->NextAlert(), UnreadableFor("/etc/passwd is not a regular file"));
+    if (obstacle == fifo) {  // the same is told once a minute
+      EXPECT_EQ(agent->NextAlert(), UnreadableFor("/etc/passwd is not a regular file"));
+    }
     ASSERT_NO_FATAL_FAILURE(Do("rm -r passwd && mv kept passwd"));
     EXPECT_THAT(agent->LogUntil("tasks run again"), HasSubstr("tasks run again"));
   }
   ExpectSilence(*agent);
   ASSERT_NO_FATAL_FAILURE(Do("mkfifo obstacle && mv obstacle passwd"));
   EXPECT_THAT(agent->LogUntil("is not a regular file"), HasSubstr("/etc/passwd is not a regular file"));
-  EXPECT_EQ(agent->NextAlert(), UnreadableFor("/etc/passwd is not a regular file"));
   ExpectOrderlyEnd(*agent);
 }
 

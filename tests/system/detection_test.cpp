@@ -14,7 +14,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char policy[] = R"({"unauthorized-root-user": {}})";
 constexpr char rootAndAlice[] =
     "root:x:0:0:root:/root:/bin/bash\n"
     "alice:x:1000:1000:Alice,,,:/home/alice:/bin/zsh\n";
@@ -48,7 +47,7 @@ class Detection : public testing::Test {
 };
 
 TEST_F(Detection, AnAccountThatIsNewWithRootIdentityIsReportedOnce) {
-  ASSERT_EQ(module.startModule(policy), 1);
+  ASSERT_EQ(module.startModule(detectionOn), 1);
   EXPECT_THAT(Run(), IsEmpty());
   etc.AppendPasswd("toor:x:0:0::/var/toor:/bin/sh");
   EXPECT_THAT(Run(), ElementsAre(Alert("toor", "0", "/bin/sh", "/var/toor")));
@@ -58,12 +57,12 @@ TEST_F(Detection, AnAccountThatIsNewWithRootIdentityIsReportedOnce) {
 TEST_F(Detection, TheFirstRunReportsStandingRootAccountsInNameOrder) {
   etc.AppendPasswd("zoe:x:0:100::/zoe:/bin/sh");
   etc.AppendPasswd("bob:x:0:0:::");
-  ASSERT_EQ(module.startModule(policy), 1);
+  ASSERT_EQ(module.startModule(detectionOn), 1);
   EXPECT_THAT(Run(), ElementsAre(Alert("bob", "0", "", ""), Alert("zoe", "100", "/bin/sh", "/zoe")));
 }
 
 TEST_F(Detection, AnAccountThatTurnsIntoRootIsReported) {
-  ASSERT_EQ(module.startModule(policy), 1);
+  ASSERT_EQ(module.startModule(detectionOn), 1);
   EXPECT_THAT(Run(), IsEmpty());
   const ToolResult edit = RunTool({"sed", "-i", "s/^alice:x:1000/alice:x:0/", "/etc/passwd"});
   ASSERT_EQ(edit.exitCode, 0) << edit.output;
@@ -71,7 +70,7 @@ TEST_F(Detection, AnAccountThatTurnsIntoRootIsReported) {
 }
 
 TEST_F(Detection, TheAccountToolsOfTheMachineAreSeen) {
-  ASSERT_EQ(module.startModule(policy), 1);
+  ASSERT_EQ(module.startModule(detectionOn), 1);
   EXPECT_THAT(Run(), IsEmpty());
   const ToolResult add =
       RunTool({"useradd", "-M", "-o", "-u", "0", "-g", "0", "-s", "/bin/sh", "-d", "/var/toor", "toor"});
@@ -93,7 +92,7 @@ TEST_F(Detection, WithoutThePolicyKeyTheTaskReadsAndReportsNothing) {
 
 TEST_F(Detection, AMissingFileIsLoggedAndTheBaselineStays) {
   etc.AppendPasswd("toor:x:0:0::/var/toor:/bin/sh");
-  ASSERT_EQ(module.startModule(policy), 1);
+  ASSERT_EQ(module.startModule(detectionOn), 1);
   EXPECT_THAT(Run(), ElementsAre(Alert("toor", "0", "/bin/sh", "/var/toor")));
 
   ASSERT_EQ(RunTool({"mv", "/etc/passwd", "/etc/passwd.away"}).exitCode, 0);
@@ -110,10 +109,10 @@ TEST_F(Detection, AMissingFileIsLoggedAndTheBaselineStays) {
 
 TEST_F(Detection, AStopAndANewStartKeepTheBaseline) {
   etc.AppendPasswd("toor:x:0:0::/var/toor:/bin/sh");
-  ASSERT_EQ(module.startModule(policy), 1);
+  ASSERT_EQ(module.startModule(detectionOn), 1);
   EXPECT_THAT(Run(), ElementsAre(Alert("toor", "0", "/bin/sh", "/var/toor")));
   module.stopModule();
-  ASSERT_EQ(module.startModule(policy), 1);
+  ASSERT_EQ(module.startModule(detectionOn), 1);
   EXPECT_THAT(Run(), IsEmpty());
 }
 
@@ -122,7 +121,7 @@ TEST_F(Detection, AFreshLoadStartsWithAnEmptyBaseline) {
   module.Unload();
   for (int load = 0; load < 3; ++load) {
     ShippedModule fresh;
-    ASSERT_EQ(fresh.startModule(policy), 1);
+    ASSERT_EQ(fresh.startModule(detectionOn), 1);
     EXPECT_THAT(Run(), ElementsAre(Alert("toor", "0", "/bin/sh", "/var/toor"))) << "load " << load;
     fresh.stopModule();
   }

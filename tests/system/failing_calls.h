@@ -5,10 +5,10 @@
 #include <string>
 
 #include "tests/system/agent_process.h"
+#include "tests/system/target.h"
 
 // An agent for which system calls fail as the rules say; failing_calls.cpp tells how they are written.
 inline Circumstances WithFailing(const std::string& rules) {
-  constexpr bool emulated = sizeof(VELTA_EMULATOR) > 1;
   const char* const sanitizer = std::getenv("ASAN_OPTIONS");
   Circumstances failing;
   failing.environment = {

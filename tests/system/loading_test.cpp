@@ -16,14 +16,12 @@
 #include "tests/support/recording_host.h"
 #include "tests/system/load_recorder.h"
 #include "tests/system/shipped_module.h"
+#include "tests/system/target.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-constexpr bool emulated = sizeof(VELTA_EMULATOR) > 1;
-constexpr char policy[] = R"({"unauthorized-root-user": {}})";
 
 // One entry of "/proc/self/maps": what a file, the heap or an anonymous mapping covers.
 std::vector<std::string> Mappings() {
@@ -78,7 +76,7 @@ TEST_F(Loading, BuildsTheCollectorFirstThenThePolicyKeysThenThePath) {
   const LoadRecorder recorder;
   const ShippedModule module;
   const std::vector<const void*> built = recorder.Objects();
-  ASSERT_EQ(module.startModule(policy), 1);  // tells which of them is the collector
+  ASSERT_EQ(module.startModule(detectionOn), 1);  // tells which of them is the collector
 
   std::vector<std::string> names;
   for (const void* const object : built) {
@@ -101,7 +99,7 @@ TEST_F(Loading, CreatesNoThreadNorDoesAnythingThatFollows) {
   ShippedModule module;
   EXPECT_EQ(ThreadCount(), before) << "load";
   module.initModule();
-  ASSERT_EQ(module.startModule(policy), 1);
+  ASSERT_EQ(module.startModule(detectionOn), 1);
   EXPECT_EQ(ThreadCount(), before) << "start";
   host.RunTask();
   EXPECT_EQ(ThreadCount(), before) << "run";
@@ -111,7 +109,7 @@ TEST_F(Loading, CreatesNoThreadNorDoesAnythingThatFollows) {
 
 TEST_F(Loading, AnUnloadedModuleIsGone) {
   ShippedModule module;
-  ASSERT_EQ(module.startModule(policy), 1);
+  ASSERT_EQ(module.startModule(detectionOn), 1);
   host.RunTask();  // whatever is built on first use has been built
   module.stopModule();
   ASSERT_NE(MappingsOfTheModule(), std::vector<std::string>());
@@ -121,7 +119,7 @@ TEST_F(Loading, AnUnloadedModuleIsGone) {
 
 TEST_F(Loading, AnUnloadWithoutAStopEndsTheTask) {
   ShippedModule module;
-  ASSERT_EQ(module.startModule(policy), 1);
+  ASSERT_EQ(module.startModule(detectionOn), 1);
   host.TakeCalls();
   module.Unload();
   EXPECT_THAT(host.Calls(), ElementsAre("pause 7", "unregister 7"));
@@ -131,7 +129,7 @@ TEST_F(Loading, AnUnloadWithoutAStopEndsTheTask) {
 TEST_F(Loading, Fault23TenThousandLoadsLeaveNothingBehind) {
   const auto live = [this] {
     ShippedModule module;
-    ASSERT_EQ(module.startModule(policy), 1);
+    ASSERT_EQ(module.startModule(detectionOn), 1);
     host.RunTask();
     module.stopModule();
     host.TakeCalls();
@@ -141,9 +139,9 @@ TEST_F(Loading, Fault23TenThousandLoadsLeaveNothingBehind) {
   }
   const std::size_t before = Mappings().size();
   const std::size_t residentBefore = ResidentKiB();
-  for (int load = 0; load < (emulated ? 1000 : 10000); ++load) {
+  for (int load = 0; load < (VELTA_CODE_IS_SLOW ? 1000 : 10000); ++load) {
     live();
-    if (load % 1000 == 0) {
+    if (load % 500 == 0) {
       ASSERT_THAT(MappingsOfTheModule(), IsEmpty());
     }
   }

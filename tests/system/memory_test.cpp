@@ -10,10 +10,9 @@
 
 #include "tests/system/agent_fixture.h"
 #include "tests/system/agent_process.h"
+#include "tests/system/target.h"
 
 namespace {
-
-constexpr bool emulated = sizeof(VELTA_EMULATOR) > 1;
 
 class MemoryTest : public AgentFixture {
  protected:

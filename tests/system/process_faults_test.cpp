@@ -30,6 +30,7 @@
 #include "tests/system/agent_fixture.h"
 #include "tests/system/agent_process.h"
 #include "tests/system/failing_calls.h"
+#include "tests/system/target.h"
 #include "tests/system/tool.h"
 
 namespace {
@@ -41,16 +42,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-constexpr bool emulated = sizeof(VELTA_EMULATOR) > 1;
 constexpr std::chrono::seconds endLimit(5);
-
-std::size_t Count(const std::string& text, const std::string& part) {
-  std::size_t count = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-    ++count;
-  }
-  return count;
-}
 
 // In this mount namespace, with room for little.
 class SmallDisk {
@@ -392,7 +384,8 @@ TEST_F(ProcessFaults, Fault19EveryTextIsTakenOrRefusedAsJsonSays) {
       {"{} {}", "1:4"},
       {"{} // text", "1:4"},
       {"/* text */ {}", "1:1"},
-      {"{\"unauthorized-root-user\": \"" + std::string(10 << 20, 'x') + "\"}", ""},
+      {"{\"unauthorized-root-user\": \"" + std::string(VELTA_CODE_IS_SLOW ? 1 << 20 : 10 << 20, 'x') + "\"}",
+       ""},
       {nested, "1:"},
       {nested + std::string(nested.size(), ']'), "1:"},
       {"{\"unauthorized-root-user\": \"\xC3\x28\"}", "1:30"},
@@ -587,7 +580,9 @@ TEST_F(ProcessFaults, Fault22WithoutDevicesALogThatIsClosedGoesNowhere) {
   ASSERT_NO_FATAL_FAILURE(WaitForRecord("alerts", "toor", agent));
   const std::string descriptors = "/proc/" + std::to_string(agent.Process()) + "/fd/";
   for (const char* const descriptor : {"0", "1", "2"}) {
-    EXPECT_EQ(std::filesystem::read_symlink(descriptors + descriptor), "/");
+    if (!emulated) {  // an emulator takes the folder of the target's libraries for this one
+      EXPECT_EQ(std::filesystem::read_symlink(descriptors + descriptor), "/");
+    }
   }
   End(agent);
   EXPECT_THAT(AlertsIn(folder.Read("alerts")), ElementsAre(AlertFor("toor")));

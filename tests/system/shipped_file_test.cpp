@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -74,8 +74,9 @@ bool IsEmptyHook(const ElfFile::Symbol& symbol) {
 
 // A sanitizer that is linked into the executable, and not a library.
 bool IsOfASanitizer(const std::string& symbol) {
-  const std::regex prefix("__(asan|ubsan|tsan|lsan|sanitizer)_.*");
-  return sanitized && std::regex_match(symbol, prefix);
+  const char* const prefixes[] = {"__asan_", "__ubsan_", "__tsan_", "__lsan_", "__sanitizer_"};
+  return sanitized && std::any_of(std::begin(prefixes), std::end(prefixes),
+                                  [&](const char* prefix) { return symbol.rfind(prefix, 0) == 0; });
 }
 
 TEST(ShippedFile, IsOfTheTargetThatItWasBuiltFor) {

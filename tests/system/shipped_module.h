@@ -30,6 +30,9 @@ class ShippedModule {
   std::unique_ptr<void, Close> handle;
 };
 
+// A policy that has the detection on.
+constexpr char detectionOn[] = R"({"unauthorized-root-user": {}})";
+
 // Where the module lies.
 std::string ModulePath();
 

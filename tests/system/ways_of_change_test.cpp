@@ -26,6 +26,7 @@
 #include "tests/support/line_reader.h"
 #include "tests/system/agent_fixture.h"
 #include "tests/system/agent_process.h"
+#include "tests/system/target.h"
 #include "tests/system/tool.h"
 
 namespace {
@@ -34,8 +35,6 @@ using testing::AnyOf;
 using testing::Each;
 using testing::HasSubstr;
 using testing::IsSupersetOf;
-
-constexpr bool emulated = sizeof(VELTA_EMULATOR) > 1;
 
 // The check interval of the agent.
 const char eventsAlone[] = "0";
@@ -565,7 +564,7 @@ TEST_F(WaysOfChange, Way19TheFirstWriteCopiesTheFileUp) {
   ExpectOrderlyEnd(*agent);
 }
 
-std::array<char, PATH_MAX> rootFolder;
+std::array<char, PATH_MAX> otherRootFolder;
 
 // The machine's folders under another root, whose "/etc" is a copy and no mount: it can be moved and removed.
 class OtherRoot {
@@ -575,17 +574,17 @@ class OtherRoot {
         path + " && for top in /*; do if [ -L $top ]; then cp -P $top " + path +
         "; elif [ $top = /etc ]; then cp -a $top " + path + "; elif [ -d $top ]; then mkdir " + path +
         "$top && mount --rbind $top " + path + "$top || exit; fi; done");
-    path.copy(rootFolder.data(), rootFolder.size() - 1);
-    rootFolder[path.size()] = '\0';
+    path.copy(otherRootFolder.data(), otherRootFolder.size() - 1);
+    otherRootFolder[path.size()] = '\0';
   }
-  ~OtherRoot() { RunTool({"umount", "-l", rootFolder.data()}); }
+  ~OtherRoot() { RunTool({"umount", "-l", otherRootFolder.data()}); }
   OtherRoot(const OtherRoot&) = delete;
   OtherRoot& operator=(const OtherRoot&) = delete;
 
-  static bool Enter() { return chroot(rootFolder.data()) == 0 && chdir("/") == 0; }
+  static bool Enter() { return chroot(otherRootFolder.data()) == 0 && chdir("/") == 0; }
 
   void Do(const std::string& command) const {
-    Run(std::string("cd ") + rootFolder.data() + " && " + command);
+    Run(std::string("cd ") + otherRootFolder.data() + " && " + command);
   }
 
  private:
@@ -724,7 +723,7 @@ TEST_F(WaysOfChange, Way21AFileThatAppearsOnAnEmptyFileSystemBehindALinkIsSeenBy
 }
 
 // Each change adds one more account. Where all is slow, a tenth of them.
-constexpr int changeCount = emulated || VELTA_SANITIZED ? 200 : 2000;
+constexpr int changeCount = VELTA_CODE_IS_SLOW ? 200 : 2000;
 
 std::string NumberedName(int number) {
   std::array<char, 16> name;
