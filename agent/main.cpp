@@ -325,7 +325,7 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   // The C library is asked how it reads numbers now, while there is one thread: its reader may not be used by
   // two.
   unsigned zero = 0;
-  static_cast<void>(ConvertStrToNum("0", zero, 10));
+  static_cast<void>(ConvertStrToNum("+0", zero, 10));  // nobody is asked about plain digits
   std::optional<CrossCheck> crossCheck;
   if (options.crossCheck) {
     OrFail(EXIT_SYSTEM, [&] {

@@ -2,10 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <limits>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent/account_number.h"
@@ -37,9 +37,7 @@ std::size_t Find(const std::string& separator, const std::string& text, std::siz
   if (separator.size() != 1) {
     return text.find(separator, start);
   }
-  const void* const found = std::memchr(text.data() + start, separator.front(), text.size() - start);
-  return found == nullptr ? std::string::npos
-                          : static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
+  return std::string_view(text).find(separator.front(), start);  // in place, where a string's own is a call
 }
 
 }  // namespace

@@ -278,8 +278,8 @@ TEST(AccountNumberReaderTest, ReadsLikeARefusingStrtoulUntilTheLibraryAnswers) {
   const struct {
     const char* text;
     std::optional<std::uint32_t> number;
-  } rows[] = {{"0", 0},   {" \t\v\f\r+7", 7},      {"-0", 0},          {"", no},
-              {"7 ", no}, {"4294967295", largest}, {"4294967296", no}, {"18446744073709551616", no}};
+  } rows[] = {{"0000000000", 0}, {" \t\v\f\r+7", 7},      {"-0", 0},          {"", no},
+              {"7 ", no},        {"4294967295", largest}, {"4294967296", no}, {"18446744073709551616", no}};
   for (const auto& row : rows) {
     questions = 0;
     unanswered = 5;  // another one each time, and never all of them
@@ -290,6 +290,21 @@ TEST(AccountNumberReaderTest, ReadsLikeARefusingStrtoulUntilTheLibraryAnswers) {
   unanswered = 0;
   EXPECT_EQ(reader.Read("4294967296"), 0u) << "it answered, and it wraps";
   EXPECT_EQ(reader.Read("+7"), no);
+}
+
+TEST(AccountNumberReaderTest, NobodyIsAskedAboutPlainDigits) {
+  AccountNumberReader reader(AskForgetful);
+  questions = 0;
+  for (const char* const text : {"0", "7", "000000000", "999999999", "1000"}) {
+    EXPECT_EQ(reader.Read(text), std::strtoul(text, nullptr, 10));
+  }
+  EXPECT_EQ(questions, 0);
+  for (const char* const text : {"1000000000", "12a4", ""}) {
+    unanswered = 5;  // so that it is asked again the next time
+    reader.Read(text);
+    EXPECT_GT(questions, 0) << text;
+    questions = 0;
+  }
 }
 
 TEST(AccountNumberReaderTest, ThreadsThatReadAtTheSameTimeAllGetTheLibrarysAnswer) {
