@@ -117,8 +117,7 @@ void ReadingGate::Tell(const std::string& reason, Time now) {
 
 TaskScheduler::Permission ReadingGate::Decide(const std::string& path, const AccountFileLook& look,
                                               Time now) {
-  const std::string obstacle =
-      IsShortage(look.error) ? CannotBeOpened(path, look.error) : ObstacleToReading(path, look.status);
+  const std::string obstacle = ObstacleToReading(path, look.status);
   if (!obstacle.empty()) {
     condition = {};  // what comes after it is another time
     return {Answer::No, obstacle};
@@ -132,5 +131,6 @@ TaskScheduler::Permission ReadingGate::Decide(const std::string& path, const Acc
   if (condition != Condition{} && now - conditionSince < longestChange) {
     return {Answer::NotYet, ""};
   }
-  return {Answer::Yes, look.error != 0 ? CannotBeOpened(path, look.error) : ""};
+  return {IsShortage(look.error) ? Answer::No : Answer::Yes,
+          look.error != 0 ? CannotBeOpened(path, look.error) : ""};
 }

@@ -59,22 +59,15 @@ MyValue DeliveryValue(const DeliveryState& delivery) {
 
 }  // namespace
 
-void ReadingRecord::Asked(const TaskScheduler::Permission& permission, Time now) {
+void ReadingRecord::Asked(const TaskScheduler::Permission& permission) {
   const std::lock_guard<std::mutex> lock(mutex);
-  state.runningSince.reset();
   if (permission.answer == TaskScheduler::Permission::Answer::Yes) {
     ++state.count;
     state.last = std::time(nullptr);
-    state.runningSince = now;
   }
   if (permission.answer != TaskScheduler::Permission::Answer::NotYet) {
     state.obstacle = permission.reason;
   }
-}
-
-void ReadingRecord::Ended() {
-  const std::lock_guard<std::mutex> lock(mutex);
-  state.runningSince.reset();
 }
 
 void ReadingRecord::Counted(std::size_t lines) {

@@ -14,22 +14,18 @@
 #include "agent/send_queue.h"
 #include "agent/task_scheduler.h"
 
-// What is known of readings without asking whoever reads: the gate tells when one may begin, the scheduler
-// when nothing runs any more, and the cross-check how many lines it has read.
+// What is known of readings without asking whoever reads: the gate tells when one may begin, and
+// the cross-check how many lines it has read.
 //
 // Thread use: any thread.
 class ReadingRecord {
  public:
-  using Time = std::chrono::steady_clock::time_point;
-
-  void Asked(const TaskScheduler::Permission& permission, Time now);
-  void Ended();
+  void Asked(const TaskScheduler::Permission& permission);
   void Counted(std::size_t lines);
 
   struct State {
     std::size_t count = 0;             // readings begun
     std::time_t last = 0;              // when the last one began
-    std::optional<Time> runningSince;  // one runs
     std::optional<std::size_t> lines;  // not empty, at the last reading of the cross-check
     std::string obstacle;              // why the file is not read; empty: it is
   };

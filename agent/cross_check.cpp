@@ -169,7 +169,8 @@ CrossCheck::CrossCheck(const std::string& accountFile, TaskScheduler& taskSchedu
     static_cast<CrossCheck*>(check)->Read();
     return nullptr;
   };
-  taskId = scheduler.Register(utils::thread::TASKTYPE_PERIODIC, condition, read, this, "cross_check_task");
+  taskId =
+      scheduler.Register(utils::thread::TASKTYPE_PERIODIC, condition, read, this, "cross_check_task", true);
   if (taskId == 0) {
     CloseIfOpen(reserve);
     throw std::runtime_error("cross-check: no task");

@@ -30,7 +30,7 @@ class TaskScheduler;
 // What it decides, and when, is the business of WatchTable; this class brings the system to it. A file that
 // does not exist yet is waited for.
 //
-// Tasks that a callback launches are run on the monitor's thread, too, once the callbacks are through: waking
+// Tasks that a callback launches are run on the monitor's thread, too, right after it: waking
 // another thread would take longer than most readings. Changes wait in the kernel's queue meanwhile.
 //
 // Thread use: Add and Remove on any thread, callbacks included. Construction throws std::system_error when a

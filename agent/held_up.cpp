@@ -5,6 +5,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#ifndef sigev_notify_thread_id  // the kernel's name for it, which not every C library has
+#define sigev_notify_thread_id _sigev_un._tid
+#endif
+
 namespace {
 
 constexpr int interruption = SIGUSR2;
@@ -18,7 +22,7 @@ class ThreadTimer {
     sigevent event = sigevent();
     event.sigev_notify = SIGEV_THREAD_ID;
     event.sigev_signo = interruption;
-    event._sigev_un._tid = static_cast<pid_t>(syscall(SYS_gettid));
+    event.sigev_notify_thread_id = static_cast<pid_t>(syscall(SYS_gettid));
     exists = handled && timer_create(CLOCK_MONOTONIC, &event, &timer) == 0;
     sigset_t signals;
     sigemptyset(&signals);

@@ -8,7 +8,11 @@
 // wrong moment would otherwise be opened for ever, by code that cannot know of it.
 //
 // What is interrupted fails with EINTR: opening does. Reading, as the C++ library does it, goes on, so that
-// work which only takes long is not harmed. Where the system has no timer to give, nothing is interrupted.
+// work which only takes long is not harmed; but who keeps a FIFO open and writes nothing holds a reading for
+// ever. Where the system has no timer to give, nothing is interrupted.
+//
+// The price: work that was kept from the processor for most of a few seconds, as in a stopped process, is
+// taken for held up, though it was done, and is done again.
 //
 // Thread use: constructed and destroyed on one thread, one at a time.
 class HeldUp {

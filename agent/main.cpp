@@ -47,8 +47,7 @@
 
 namespace {
 
-// One after the other: side by side, the module's task and the cross-check could take the last descriptor
-// from each other, and the module would take that for a missing file.
+// The monitor's thread reads beside it.
 constexpr unsigned workerCount = 1;
 constexpr std::chrono::milliseconds drainPatience{3000};
 constexpr int stateChanged = SIGUSR1;  // to the control thread: somebody may want to know
@@ -303,11 +302,10 @@ int RunModule(const Options& options, const std::string& policy, const std::stri
   const TaskScheduler::Gate askGate = [&gate, &readings] {
     const auto now = ReadingGate::Time::clock::now();
     TaskScheduler::Permission permission = gate.Ask(accountFilePath, now);
-    readings.Asked(permission, now);
+    readings.Asked(permission);
     return permission;
   };
-  const auto whenIdle = [&readings, &noteChange, &options] {
-    readings.Ended();
+  const auto whenIdle = [&noteChange, &options] {
     if (!options.once) {
       TidyUp();
       noteChange();

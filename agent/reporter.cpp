@@ -109,7 +109,7 @@ void Reporter::TellManager(const std::string& line) {
 // What keeps the sign from being given is told once; it is looked at again soon, since the thread may only
 // have been slow.
 void Reporter::GiveSign(Beat::Time now) {
-  const Pulse current = {sources.monitor.Look().rounds, sources.readings.Now().runningSince,
+  const Pulse current = {sources.monitor.Look().rounds, sources.scheduler.RunningSince(),
                          sources.deliveries.States()};
   const std::string stuck = WhatIsStuck(pulse, current, manager.Watchdog() / 2, now);
   if (!stuck.empty() && !stuckTold) {

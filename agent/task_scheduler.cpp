@@ -45,6 +45,7 @@ TaskTable::Outcome Run(const TaskTable::Task& task, Logger& logger) {
       return TaskTable::Outcome::Done;
     }
     LogFailure(logger, task.name, "it was held up");
+    return TaskTable::Outcome::HeldUp;
   } catch (const std::exception& error) {
     LogFailure(logger, task.name, error.what());
   } catch (...) {
@@ -84,11 +85,11 @@ void TaskScheduler::StopWorkers() {
 }
 
 unsigned TaskScheduler::Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
-                                 void* (*function)(void*), void* arg, const std::string& name) {
+                                 void* (*function)(void*), void* arg, const std::string& name, bool mayWait) {
   unsigned id = 0;
   {
     std::lock_guard<std::mutex> lock(mutex);
-    id = table.Register(type, condition, function, arg, name, Now());
+    id = table.Register(type, condition, function, arg, name, Now(), mayWait);
   }
   changed.notify_all();  // the new task may be due before the one that the workers wait for
   return id;
@@ -97,7 +98,7 @@ unsigned TaskScheduler::Register(utils::thread::TASKTYPE type, const utils::thre
 void TaskScheduler::Launch(unsigned id, std::chrono::milliseconds after) {
   {
     std::lock_guard<std::mutex> lock(mutex);
-    table.Launch(id, Now() + after, after > std::chrono::milliseconds::zero());
+    table.Launch(id, Now() + after);
   }
   if (volunteerOf != this) {
     changed.notify_one();
@@ -161,6 +162,11 @@ bool TaskScheduler::WaitUntilIdle() {
 std::optional<TaskTable::Failures> TaskScheduler::Failing() const {
   const std::lock_guard<std::mutex> lock(mutex);
   return table.Failing();
+}
+
+std::optional<TaskTable::Time> TaskScheduler::RunningSince() const {
+  const std::lock_guard<std::mutex> lock(mutex);
+  return table.RunningSince();
 }
 
 void TaskScheduler::Work() {

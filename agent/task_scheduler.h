@@ -50,11 +50,11 @@ class TaskScheduler {
   TaskScheduler(const TaskScheduler&) = delete;
   TaskScheduler& operator=(const TaskScheduler&) = delete;
 
-  // 0 when there is no function to call.
+  // 0 when there is no function to call. mayWait: whatever else is due comes before it, and a volunteer
+  // leaves it to the workers.
   unsigned Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
-                    void* (*function)(void*), void* arg, const std::string& name);
-  // `after` is how long the run may wait for others, from this launch or the first one that waits. If it may,
-  // it is the workers' to run.
+                    void* (*function)(void*), void* arg, const std::string& name, bool mayWait = false);
+  // After that wait, from this launch or the first one that waits.
   void Launch(unsigned id, std::chrono::milliseconds after = std::chrono::milliseconds::zero());
   std::size_t LaunchAll();  // how many tasks there are
 
@@ -73,6 +73,9 @@ class TaskScheduler {
   // Waits until nothing runs and nothing is due. True when no run since construction has failed or was
   // refused.
   bool WaitUntilIdle();
+
+  // Since when the run goes on that has done so for longest; nothing while none does.
+  std::optional<TaskTable::Time> RunningSince() const;
 
   // Of the task that has failed for longest; nothing while the last run of each was done.
   std::optional<TaskTable::Failures> Failing() const;

@@ -27,7 +27,8 @@ unsigned TaskTable::NextId() {
 }
 
 unsigned TaskTable::Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
-                             void* (*function)(void*), void* arg, const std::string& name, Time now) {
+                             void* (*function)(void*), void* arg, const std::string& name, Time now,
+                             bool mayWait) {
   if (function == nullptr) {
     return 0;
   }
@@ -35,6 +36,7 @@ unsigned TaskTable::Register(utils::thread::TASKTYPE type, const utils::thread::
   task.name = name;
   task.function = function;
   task.arg = arg;
+  task.mayWait = mayWait;
   if (condition.enabled) {
     task.timer = now + Wait(condition.startDelayMs);
     task.due = task.timer;
@@ -47,13 +49,12 @@ unsigned TaskTable::Register(utils::thread::TASKTYPE type, const utils::thread::
   return id;
 }
 
-void TaskTable::Launch(unsigned id, Time due, bool mayWait) {
+void TaskTable::Launch(unsigned id, Time due) {
   const auto found = tasks.find(id);
   if (found == tasks.end() || found->second.paused) {
     return;
   }
   Task& task = found->second;
-  task.mayWait = mayWait && (task.mayWait || !task.due || due < *task.due);
   task.due = Earlier(task.due, due);
 }
 
@@ -98,19 +99,26 @@ std::optional<TaskTable::Time> TaskTable::NextDue() const {
 unsigned TaskTable::Begin(Time now, bool butWhatMayWait) {
   unsigned first = 0;
   std::optional<Time> firstDue;
+  bool firstMayWait = false;
   for (const auto& [id, task] : tasks) {
     if (butWhatMayWait && task.mayWait) {
       continue;
     }
-    if (task.due && !task.running && *task.due <= now && (!firstDue || *task.due <= *firstDue)) {
+    if (!task.due || task.running || *task.due > now) {
+      continue;
+    }
+    const bool comesBefore =
+        first == 0 || (task.mayWait == firstMayWait ? *task.due <= *firstDue : firstMayWait);
+    if (comesBefore) {
       first = id;
       firstDue = task.due;
+      firstMayWait = task.mayWait;
     }
   }
   if (first != 0) {
     Task& task = tasks.at(first);
     task.running = true;
-    task.mayWait = false;
+    task.began = now;
     task.due.reset();
   }
   return first;
@@ -145,10 +153,12 @@ void TaskTable::End(unsigned id, Outcome outcome, Time began, Time now) {
       task.failures = 0;
       break;
     case Outcome::Failed:
+    case Outcome::HeldUp:
       if (task.failures++ == 0) {
         task.failingSince = now;
       }
-      task.retryWait = std::clamp(task.retryWait * 2, firstRetry, longestRetry);
+      task.retryWait =
+          outcome == Outcome::HeldUp ? firstRetry : std::clamp(task.retryWait * 2, firstRetry, longestRetry);
       next = Earlier(next, now + task.retryWait);
       break;
     case Outcome::PutOff:
@@ -160,7 +170,6 @@ void TaskTable::End(unsigned id, Outcome outcome, Time began, Time now) {
   }
   if (next && (!task.due || *next < *task.due)) {  // otherwise what was launched meanwhile comes first
     task.due = next;
-    task.mayWait = false;
   }
 }
 
@@ -172,6 +181,16 @@ std::optional<TaskTable::Failures> TaskTable::Failing() const {
     }
   }
   return longest;
+}
+
+std::optional<TaskTable::Time> TaskTable::RunningSince() const {
+  std::optional<Time> oldest;
+  for (const auto& [id, task] : tasks) {
+    if (task.running) {
+      oldest = Earlier(oldest, task.began);
+    }
+  }
+  return oldest;
 }
 
 const TaskTable::Task* TaskTable::Find(unsigned id) const {

@@ -40,16 +40,18 @@ class TaskTable {
     std::size_t failures = 0;  // in a row
     Time failingSince;         // if there are any
     bool running = false;
+    Time began;  // the run, or the last one
     bool mayWait = false;
     bool paused = false;
     bool gone = false;  // unregistered while it ran; forgotten when that run ends
   };
 
-  // 0 when there is no function to call.
+  // 0 when there is no function to call. mayWait: whatever else is due comes before it, and a volunteer
+  // leaves it to the workers.
   unsigned Register(utils::thread::TASKTYPE type, const utils::thread::TASK_CONDITION& condition,
-                    void* (*function)(void*), void* arg, const std::string& name, Time now);
-  // mayWait: a volunteer leaves the run to the workers, until a launch comes that may not wait.
-  void Launch(unsigned id, Time due, bool mayWait = false);
+                    void* (*function)(void*), void* arg, const std::string& name, Time now,
+                    bool mayWait = false);
+  void Launch(unsigned id, Time due);
   std::size_t LaunchAll(Time now);  // how many there are
   void Pause(unsigned id);
   void Unregister(unsigned id);
@@ -59,12 +61,13 @@ class TaskTable {
 
   // The id of the task that is due first, which counts as running from now on; 0 when none is. Of several due
   // at the same moment the one that was registered last: the module's, which is registered anew at each
-  // start. butWhatMayWait: none that was launched so.
+  // start. butWhatMayWait: none that may.
   unsigned Begin(Time now, bool butWhatMayWait = false);
 
   enum class Outcome {
     Done,
     Failed,
+    HeldUp,  // failed, after a wait that was long enough: again after firstRetry, however often
     PutOff,  // nothing was run, and nothing is wrong: again after putOffWait, or at the next launch
   };
 
@@ -77,6 +80,8 @@ class TaskTable {
     Time since;
   };
   std::optional<Failures> Failing() const;  // of the task that has failed for longest, if one does
+
+  std::optional<Time> RunningSince() const;  // the run that has gone on for longest, if one does
 
   // Null for an unknown id.
   const Task* Find(unsigned id) const;

@@ -105,7 +105,8 @@ void WatchTable::Handle(const InotifyEvent& event, Time now) {
     return;  // a watch that was withdrawn while its event waited
   }
   const std::vector<Use> ofWatch = found->second;  // a copy: attaching changes the original
-  std::optional<int> fileWatch;                    // of the entry, which all that the event is about share
+  std::optional<int> fileWatch;  // of this path, which those that the event is about may share
+  std::string sharedPath;
   for (const Use& use : ofWatch) {
     const auto rule = rules.find(use.rule);
     if (rule == rules.end() || (!event.name.empty() && event.name != use.name)) {
@@ -113,6 +114,10 @@ void WatchTable::Handle(const InotifyEvent& event, Time now) {
     }
     const Reaction reaction = ReactionTo(use.role, event.mask);
     if (reaction.attach && use.role == WatchRole::Directory && !event.name.empty()) {
+      if (rule->second.path != sharedPath) {  // another name of the folder may lead to another file
+        fileWatch.reset();
+        sharedPath = rule->second.path;
+      }
       AttachFile(use.rule, rule->second, fileWatch, now);
     } else if (reaction.attach) {
       Attach(use.rule, rule->second, now);

@@ -213,17 +213,15 @@ TEST_F(StatusFileTest, WithoutARunningAgentNothingIsPrintedAsTheState) {
 TEST(ReadingRecordTest, WhyReadingsFindNothingIsKeptUntilOneMayBeginWithoutAReason) {
   using Answer = TaskScheduler::Permission::Answer;
   ReadingRecord record;
-  const ReadingRecord::Time now;
-  record.Asked({Answer::No, "a folder"}, now);
+  record.Asked({Answer::No, "a folder"});
   EXPECT_EQ(record.Now().obstacle, "a folder");
   EXPECT_EQ(record.Now().count, 0u);
-  record.Asked({Answer::NotYet, ""}, now);
+  record.Asked({Answer::NotYet, ""});
   EXPECT_EQ(record.Now().obstacle, "a folder");
-  record.Asked({Answer::Yes, "missing"}, now);
+  record.Asked({Answer::Yes, "missing"});
   EXPECT_EQ(record.Now().obstacle, "missing");
   EXPECT_EQ(record.Now().count, 1u);
-  EXPECT_TRUE(record.Now().runningSince);
-  record.Asked({Answer::Yes, ""}, now);
+  record.Asked({Answer::Yes, ""});
   EXPECT_EQ(record.Now().obstacle, "");
   EXPECT_EQ(record.Now().count, 2u);
 }

@@ -48,9 +48,11 @@ class TaskTableTest : public testing::Test {
   unsigned Once(std::int64_t first) {
     return table.Register(TASKTYPE_ONCE, Condition(first, 100), ReturnNothing, nullptr, "once", At(0));
   }
-  unsigned OnLaunch() {
+  static constexpr bool mayWait = true;
+
+  unsigned OnLaunch(bool waits = false) {
     return table.Register(TASKTYPE_PERIODIC, Condition(100, 100, false), ReturnNothing, nullptr, "on launch",
-                          At(0));
+                          At(0), waits);
   }
 
   // When runs begin, until then, if each takes that long and the only worker is never late.
@@ -174,34 +176,53 @@ TEST_F(TaskTableTest, ALaunchThatMayWaitIsOneRunWithTheNextAndNoLaterThanTheFirs
 }
 
 TEST_F(TaskTableTest, WhatMayWaitIsLeftAloneByWhoeverAsksForTheRest) {
-  const unsigned waiting = OnLaunch();
+  const unsigned waiting = OnLaunch(mayWait);
   const unsigned other = OnLaunch();
-  table.Launch(waiting, At(10), true);
-  table.Launch(other, At(12));
+  table.LaunchAll(At(10));
   EXPECT_EQ(table.Begin(At(20), true), other);
   EXPECT_EQ(table.Begin(At(20), true), 0u);
   EXPECT_EQ(table.Begin(At(20)), waiting) << "it is due all the same";
-  table.End(waiting, TaskTable::Outcome::Done, At(20), At(20));
-
-  table.Launch(waiting, At(40), true);
-  table.Launch(waiting, At(30));
-  EXPECT_EQ(table.Begin(At(30), true), waiting) << "a launch that may not wait counts";
-  table.End(waiting, TaskTable::Outcome::Done, At(30), At(30));
-
-  table.Launch(waiting, At(50));
-  table.Launch(waiting, At(60), true);
-  EXPECT_EQ(table.Begin(At(50), true), waiting) << "and one that may does not undo it";
 }
 
-TEST_F(TaskTableTest, ALaunchThatMayWaitDoesSoWhenItCameDuringARun) {
+TEST_F(TaskTableTest, WhateverElseIsDueComesBeforeWhatMayWait) {
+  const unsigned other = OnLaunch();
+  const unsigned waiting = OnLaunch(mayWait);
+  table.Launch(other, At(0));
+  ASSERT_EQ(table.Begin(At(0)), other);
+  table.Launch(other, At(5));
+  table.Launch(waiting, At(2));
+  table.End(other, TaskTable::Outcome::Done, At(0), At(500));
+  EXPECT_EQ(table.Begin(At(500)), other) << "though it is due since longer";
+  EXPECT_EQ(table.Begin(At(500)), waiting);
+}
+
+TEST_F(TaskTableTest, TheRunIsKnownThatHasGoneOnForLongest) {
+  EXPECT_EQ(table.RunningSince(), std::nullopt);
+  const unsigned first = OnLaunch();
+  const unsigned second = OnLaunch();
+  table.Launch(first, At(10));
+  ASSERT_EQ(table.Begin(At(10)), first);
+  table.Launch(second, At(20));
+  ASSERT_EQ(table.Begin(At(20)), second);
+  EXPECT_EQ(table.RunningSince(), At(10));
+  table.End(first, TaskTable::Outcome::Done, At(10), At(30));
+  EXPECT_EQ(table.RunningSince(), At(20));
+  table.End(second, TaskTable::Outcome::Done, At(20), At(30));
+  EXPECT_EQ(table.RunningSince(), std::nullopt);
+}
+
+TEST_F(TaskTableTest, WhatIsHeldUpIsTriedAgainAtASteadyPace) {
   const unsigned id = OnLaunch();
-  table.Launch(id, At(10));
-  ASSERT_EQ(table.Begin(At(10)), id);
-  table.Launch(id, At(100), true);
-  table.End(id, TaskTable::Outcome::Done, At(10), At(20));
-  EXPECT_EQ(table.Begin(At(99)), 0u);
-  EXPECT_EQ(table.Begin(At(100), true), 0u);
-  EXPECT_EQ(table.Begin(At(100)), id);
+  table.Launch(id, At(0));
+  for (int run = 0; run < 5; ++run) {
+    const auto due = table.NextDue();
+    ASSERT_TRUE(due);
+    ASSERT_EQ(table.Begin(*due), id);
+    table.End(id, TaskTable::Outcome::HeldUp, *due, *due);
+    EXPECT_EQ(table.NextDue(), *due + TaskTable::firstRetry);
+  }
+  ASSERT_TRUE(table.Failing());
+  EXPECT_EQ(table.Failing()->count, 5u);
 }
 
 TEST_F(TaskTableTest, Fault03ALaunchOfNobodyIsIgnored) {

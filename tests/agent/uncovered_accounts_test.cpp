@@ -125,10 +125,10 @@ TEST(UncoveredAccountsTest, TheLastLineIsReadAsItStandsWithoutAnEnd) {
 }
 
 TEST(UncoveredAccountsTest, NoLengthHidesALineThatIsReadAsItStands) {
-  const std::string two(std::size_t{2} << 20, 'g');
-  EXPECT_THAT(FindUncoveredRoots("  la:x:0\0"s + two + "\n"),
+  const std::string longer(std::size_t{VELTA_CODE_IS_SLOW ? 9 : 16} << 17, 'g');
+  EXPECT_THAT(FindUncoveredRoots("  la:x:0\0"s + longer + "\n"),
               ElementsAre(Account("la", "", "", 1, "line too long")));
-  EXPECT_THAT(FindUncoveredRoots("  lb:" + two + ":0"),
+  EXPECT_THAT(FindUncoveredRoots("  lb:" + longer + ":0"),
               ElementsAre(Account("lb", "", "", 1, "line too long")));
 }
 #endif
