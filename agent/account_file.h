@@ -46,8 +46,8 @@ bool MayBeReadByItsMode(const std::string& path);
 // A file that is empty or missing is most likely one that is being written anew: right after its truncation,
 // or between the removal of the old one and the arrival of the new one. An empty one, read then, would empty
 // what the detector knows, and every accepted account would be reported again. So the reading is put off for
-// as long as a writer may need; a file that stays so is read. A
-// shortage of descriptors or memory has that long to pass as well.
+// as long as a writer may need; a file that stays so is read. A shortage of descriptors or memory has that
+// long to pass as well.
 //
 // Thread use: one thread at a time.
 class ReadingGate {

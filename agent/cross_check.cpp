@@ -33,6 +33,7 @@ constexpr std::int64_t readingIntervalMs = 300000;
 // drives what the next alert needs out of the processor's caches.
 constexpr std::chrono::milliseconds afterAChange{10};
 constexpr std::chrono::milliseconds betweenChecks{100};
+constexpr int checksAtOnce = 10;  // are not yet together: somebody may be waiting for each
 
 // Each of them is asked about and remembered. Whoever makes more has been reported often enough.
 constexpr std::size_t mostAccounts = 100000;
@@ -181,7 +182,8 @@ CrossCheck::CrossCheck(const std::string& accountFile, TaskScheduler& taskSchedu
         [this](int, const char*, const char*, bool, int, const std::string&) {
           const auto now = std::chrono::steady_clock::now();
           if (nextCheck <= now) {
-            nextCheck = std::max(now + afterAChange, nextCheck + betweenChecks);
+            checksUntil = std::max(checksUntil, now) + betweenChecks;
+            nextCheck = std::max(now + afterAChange, checksUntil - checksAtOnce * betweenChecks);
           }
           // Even when one is waiting: it may have been launched by others, before this change.
           scheduler.Launch(taskId, std::chrono::ceil<std::chrono::milliseconds>(nextCheck - now));

@@ -56,7 +56,9 @@ class CrossCheck {
   std::atomic<bool> enabled{false};
   unsigned taskId = 0;
   FileWatchRule watch = FileWatchRule();
-  std::chrono::steady_clock::time_point nextCheck;  // of a change; the monitor's thread's own
+  // The monitor's thread's own.
+  std::chrono::steady_clock::time_point nextCheck;    // of a change
+  std::chrono::steady_clock::time_point checksUntil;  // if those so far had been made one by one
 
   // The workers' own.
   int reserve;                     // a descriptor for the reading
