@@ -244,27 +244,30 @@ TEST_F(TaskSchedulerTest, ARunOfAVolunteerThatFailsOrIsPutOffIsTriedAgainByTheWo
   }
 }
 
-TEST_F(TaskSchedulerTest, ALaunchThatMayWaitIsLeftToTheWorkersWhoWakeForIt) {
-  scheduler = std::make_unique<TaskScheduler>(1, logger);
-  Tally runs;
-  std::thread::id thread;
-  Job job = {[&] {
-    thread = std::this_thread::get_id();
-    runs.Add();
-  }};
-  const unsigned id = Register(job);
-  LetTheOnlyWorkerSleep();
-  std::thread::id volunteering;
-  std::thread volunteer([&] {
-    volunteering = std::this_thread::get_id();
-    scheduler->Volunteer();
-    scheduler->Launch(id, temptation);
-    scheduler->RunDue();
-  });
-  volunteer.join();
-  EXPECT_TRUE(runs.Reaches(1));
-  EXPECT_NE(thread, volunteering);
-  scheduler.reset();  // before what its task uses
+TEST_F(TaskSchedulerTest, AVolunteerLeavesWhatMayWaitToTheWorkersWhoWakeForIt) {
+  for (const auto after : {std::chrono::milliseconds(0), temptation}) {
+    SCOPED_TRACE(after.count());
+    scheduler = std::make_unique<TaskScheduler>(1, logger);
+    Tally runs;
+    std::thread::id thread;
+    Job job = {[&] {
+      thread = std::this_thread::get_id();
+      runs.Add();
+    }};
+    const unsigned id =
+        scheduler->Register(TASKTYPE_PERIODIC, TASK_CONDITION(), Job::Run, &job, "may wait", true);
+    LetTheOnlyWorkerSleep();
+    std::thread volunteer([&] {
+      scheduler->Volunteer();
+      scheduler->Launch(id, after);
+      scheduler->RunDue();
+    });
+    const std::thread::id volunteering = volunteer.get_id();
+    volunteer.join();
+    EXPECT_TRUE(runs.Reaches(1));
+    EXPECT_NE(thread, volunteering);
+    scheduler.reset();  // before what its task uses
+  }
 }
 
 TEST_F(TaskSchedulerTest, ATaskThatLaunchesItselfDoesNotKeepAVolunteer) {
