@@ -25,12 +25,12 @@ Measures how long a change of /etc/passwd takes to become an alert, for the agen
 program has to do (the floor), and for what else tells of such a change. In a private copy of /etc; as root.
 
   --results FOLDER      where the samples go, as CSV (.)
-  --only PART           alerts, rested, busy, accounts or load; all of them without
+  --only PART           alerts, rested, busy, placed, accounts or load; all of them without
   --quick               a small part of everything, to see that it works
   --rounds N            turns of each contestant (10)
   --changes N           of the floor and of the agent (2000)
   --peer-changes N      of each other contestant (200)
-  --pair-changes N      of both after a pause, and with every processor busy (1000)
+  --pair-changes N      of both after a pause, with every processor busy, and placed (1000)
   --changes-of-size N   at each number of accounts (40)
   --bursts N            of a thousand changes a second (6)
   --burst-ms N          how long one is (10000)
@@ -80,7 +80,8 @@ Options Parse(const std::vector<std::string>& words) {
       {"--agent", [&](const std::string& text) { options.agent = text; }},
       {"--only",
        [&](const std::string& text) {
-         if (text != "alerts" && text != "rested" && text != "busy" && text != "accounts" && text != "load") {
+         if (text != "alerts" && text != "rested" && text != "busy" && text != "placed" &&
+             text != "accounts" && text != "load") {
            throw UsageError("'" + text + "' is no part");
          }
          options.only = text;
@@ -205,6 +206,9 @@ void Run(const Options& options) {
   }
   if (wanted("busy")) {
     MeasureBusy(options.plan, pair, options.results);
+  }
+  if (wanted("placed")) {
+    MeasurePlaced(options.plan, {pair[0], pair[1], AgentWithoutCrossCheck(options)}, options.results);
   }
   if (wanted("accounts")) {
     MeasureAccounts(options.plan, pair, options.results);

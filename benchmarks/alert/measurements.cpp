@@ -1,5 +1,6 @@
 #include "benchmarks/alert/measurements.h"
 
+#include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -137,6 +138,35 @@ class BusyProcessors {
   std::vector<pid_t> children;
 };
 
+cpu_set_t AllowedProcessors() {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  if (sched_getaffinity(0, sizeof(allowed), &allowed) != 0) {
+    throw std::runtime_error(std::string("sched_getaffinity: ") + std::strerror(errno));
+  }
+  return allowed;
+}
+
+std::vector<cpu_set_t> EachProcessor(const cpu_set_t& allowed) {
+  std::vector<cpu_set_t> each;
+  for (int number = 0; number < CPU_SETSIZE; ++number) {
+    if (CPU_ISSET(number, &allowed)) {
+      cpu_set_t one;
+      CPU_ZERO(&one);
+      CPU_SET(number, &one);
+      each.push_back(one);
+    }
+  }
+  return each;
+}
+
+// The calling thread, and whatever it starts from now on.
+void StayOn(const cpu_set_t& processors) {
+  if (sched_setaffinity(0, sizeof(processors), &processors) != 0) {
+    throw std::runtime_error(std::string("sched_setaffinity: ") + std::strerror(errno));
+  }
+}
+
 // A block of changes for each contestant in each round, while what `surroundings` makes is there.
 template <typename Surroundings>
 void MeasureEach(const Plan& plan, const std::vector<Contestant>& contestants, const std::string& folder,
@@ -205,6 +235,42 @@ void MeasureRested(const Plan& plan, const std::vector<Contestant>& contestants,
 void MeasureBusy(const Plan& plan, const std::vector<Contestant>& contestants, const std::string& folder) {
   std::cerr << "time to alert with every processor busy\n";
   MeasureEach(plan, contestants, folder, "alert_busy", [] { return std::make_unique<BusyProcessors>(); });
+}
+
+void MeasurePlaced(const Plan& plan, const std::vector<Contestant>& contestants, const std::string& folder) {
+  std::cerr << "time to alert on a processor of our choice\n";
+  Table samples(folder, "alert_placed", "contestant,processor,round,microseconds");
+  ChangingFile file(plan.accounts);
+  Pauses pauses(plan.seed);
+  const cpu_set_t allowed = AllowedProcessors();
+  const std::vector<cpu_set_t> each = EachProcessor(allowed);
+  const cpu_set_t& changing = each.front();
+  struct Place {
+    const char* name;
+    const cpu_set_t& processor;
+  };
+  std::vector<Place> places = {{"same", changing}};
+  if (each.size() > 1) {
+    places.push_back({"other", each.back()});
+  }
+  for (std::size_t round = 0; round < plan.rounds; ++round) {
+    for (const Place& place : places) {
+      for (std::size_t turn = 0; turn < contestants.size(); ++turn) {
+        const Contestant& contestant = InTurn(contestants, round, turn);
+        StayOn(place.processor);
+        RunningContestant running(contestant);
+        StayOn(changing);
+        WarmUp(file, running, pauses, contestant.name);
+        for (std::size_t change = 0; change < std::max<std::size_t>(1, plan.pairChanges / plan.rounds);
+             ++change) {
+          const std::optional<double> time = ChangeOnce(file, running);
+          samples.Line(contestant.name + "," + place.name + "," + std::to_string(round) + "," +
+                       (time ? Text(*time) : ""));
+        }
+      }
+    }
+  }
+  StayOn(allowed);
 }
 
 void MeasureAccounts(const Plan& plan, const std::vector<Contestant>& contestants,

@@ -50,6 +50,11 @@ void MeasureRested(const Plan& plan, const std::vector<Contestant>& contestants,
 // With a pause, and with as many busy processes as there are processors: alert_busy.csv.
 void MeasureBusy(const Plan& plan, const std::vector<Contestant>& contestants, const std::string& folder);
 
+// As in MeasureAlerts, with the contestant held on the processor that changes the file ("same"), and on
+// another one ("other"; not where there is only one): alert_placed.csv. Elsewhere that is the kernel's
+// choice, and as much as any program's work depends on it.
+void MeasurePlaced(const Plan& plan, const std::vector<Contestant>& contestants, const std::string& folder);
+
 // Time to alert by the size of the file: alert_accounts.csv.
 void MeasureAccounts(const Plan& plan, const std::vector<Contestant>& contestants, const std::string& folder);
 
