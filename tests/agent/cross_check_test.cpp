@@ -66,8 +66,9 @@ class CrossCheckTest : public testing::Test {
   Logger logger{LogLevel::Off};
   EventSink sink{folder.Path("events")};
   SendQueue queue{sink, logger, 0};
-  TaskScheduler scheduler{2, logger};
-  FileMonitor monitor{logger};
+  TaskScheduler scheduler{1, logger};
+  // As the agent has them: the worker sleeps until the monitor wakes it. Nothing but a change wakes that.
+  FileMonitor monitor{logger, std::chrono::milliseconds(0), &scheduler};
   std::unique_ptr<CrossCheck> check;
 };
 
