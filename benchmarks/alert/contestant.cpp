@@ -66,7 +66,7 @@ bool IsNumber(const std::string& text) {
 
 }  // namespace
 
-RunningContestant::RunningContestant(const Contestant& contestant) : name(contestant.name) {
+RunningContestant::RunningContestant(const Contestant& started) : contestant(started) {
   std::array<int, 2> ends = {-1, -1};
   if (contestant.fifo.empty()) {
     Require(pipe2(ends.data(), O_CLOEXEC) == 0, "pipe");
@@ -146,7 +146,7 @@ bool RunningContestant::Read(int timeoutMs) {
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
       return false;
     }
-    throw std::runtime_error(name + " has ended");
+    throw std::runtime_error(contestant.name + " has ended");
   }
   pending.append(part.data(), static_cast<std::size_t>(size));
   if (pending.size() > longestPending) {

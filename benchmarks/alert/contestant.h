@@ -5,12 +5,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
-// One way of being told of a root account: a command whose standard output has a line with the account's
-// name.
+// One way of being told of a root account: a command whose standard output has a line about each change.
 struct Contestant {
   std::string name;
   std::vector<std::string> command;
@@ -18,6 +18,12 @@ struct Contestant {
   std::string fifo;
   bool startsProcesses =
       false;  // for each change: they have ended by the time that anybody could look at them
+  // What its line about the change just made is known by; without, that is the account's name.
+  std::function<std::string()> mark = nullptr;
+  std::chrono::milliseconds patience{5000};  // what takes longer is missed
+  // Before each change there is a rest of random length up to this: a change right behind the answer to the
+  // one before would always find somebody who looks at intervals at the same point of one.
+  std::chrono::milliseconds rest{0};
 };
 
 struct Memory {
@@ -34,7 +40,7 @@ class RunningContestant {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  explicit RunningContestant(const Contestant& contestant);
+  explicit RunningContestant(const Contestant& started);
   ~RunningContestant();
   RunningContestant(const RunningContestant&) = delete;
   RunningContestant& operator=(const RunningContestant&) = delete;
@@ -42,6 +48,8 @@ class RunningContestant {
   // When a line with the text has been read; nothing when the limit passes. Other lines are passed over.
   // Throws std::runtime_error when the contestant has ended.
   std::optional<Time> AwaitLine(const std::string& text, std::chrono::milliseconds limit);
+
+  const Contestant& Who() const { return contestant; }
 
   // Takes what is there without waiting, for a contestant that must not be held up by a full pipe.
   void TakeLines() { Read(0); }
@@ -58,7 +66,7 @@ class RunningContestant {
   bool Read(int timeoutMs);
   std::vector<pid_t> Processes() const;
 
-  std::string name;
+  Contestant contestant;
   pid_t process = -1;
   int output = -1;
   std::string pending;

@@ -1,10 +1,7 @@
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdlib>
 #include <exception>
 #include <fstream>
 #include <functional>
+#include <iomanip>
 #include <iostream>
 #include <map>
 #include <sstream>
@@ -14,6 +11,7 @@
 
 #include "benchmarks/alert/contestant.h"
 #include "benchmarks/alert/measurements.h"
+#include "benchmarks/alert/peers.h"
 #include "tests/system/private_etc.h"
 
 namespace {
@@ -29,7 +27,7 @@ program has to do (the floor), and for what else tells of such a change. In a pr
   --quick               a small part of everything, to see that it works
   --rounds N            turns of each contestant (10)
   --changes N           of the floor and of the agent (2000)
-  --peer-changes N      of each other contestant (200)
+  --peer-changes N      of each other contestant (200; of a slow one a part of it)
   --pair-changes N      of both after a pause, with every processor busy, and placed (1000)
   --changes-of-size N   at each number of accounts (40)
   --bursts N            of a thousand changes a second (6)
@@ -49,6 +47,7 @@ struct Options {
   Plan plan;
   std::string results = ".";
   std::string only;
+  bool quick = false;
   std::string agent = VELTA_AGENT_FILE;
 };
 
@@ -101,6 +100,7 @@ Options Parse(const std::vector<std::string>& words) {
   for (std::size_t i = 0; i < words.size(); ++i) {
     const auto found = valued.find(words[i]);
     if (words[i] == "--quick") {
+      options.quick = true;
       MakeQuick(plan);
     } else if (found == valued.end()) {
       throw UsageError("unknown argument: " + words[i]);
@@ -113,17 +113,6 @@ Options Parse(const std::vector<std::string>& words) {
   return options;
 }
 
-bool IsInstalled(const std::string& program) {
-  const char* const path = std::getenv("PATH");
-  std::istringstream folders(std::string(path == nullptr ? "" : path) + ":/usr/local/sbin:/usr/sbin:/sbin");
-  for (std::string folder; std::getline(folders, folder, ':');) {
-    if (access((folder + "/" + program).c_str(), X_OK) == 0) {
-      return true;
-    }
-  }
-  return false;
-}
-
 void WriteFile(const std::string& path, const std::string& text) {
   std::ofstream file(path);
   file << text << std::flush;
@@ -131,9 +120,6 @@ void WriteFile(const std::string& path, const std::string& text) {
     throw std::runtime_error("cannot write " + path);
   }
 }
-
-// What a shell does with the account file to find what the others find.
-constexpr char search[] = R"(awk -F: '$3 == 0 && $1 != "root"' /etc/passwd)";
 
 Contestant Floor() { return {"floor", {VELTA_FLOOR_FILE}, "", false}; }
 
@@ -145,49 +131,23 @@ Contestant AgentWithoutCrossCheck(const Options& options) {
   return {"velta-agent --no-cross-check", {options.agent, "--limit", "0", "--no-cross-check"}, "", false};
 }
 
-Contestant ShellLoop() {
-  const std::string loop =
-      std::string("inotifywait -m -q -e moved_to --format %f /etc | while read -r file; do ") +
-      "[ \"$file\" = passwd ] && " + search + "; done";
-  return {"inotifywait | while read | awk", {"sh", "-c", loop}, "", true};
-}
-
-// In the private "/etc": a table of its own, and nobody else's.
-Contestant Incron() {
-  const std::string room = "/etc/velta-bench-incron";
-  mkdir(room.c_str(), 0755);
-  mkdir((room + "/tables").c_str(), 0755);
-  mkdir((room + "/users").c_str(), 0755);
-  WriteFile(room + "/incron.conf", "system_table_dir = " + room + "/tables\nuser_table_dir = " + room +
-                                       "/users\nlockfile_dir = " + room + "\nlockfile_name = lock\n");
-  WriteFile(room + "/tell", std::string("[ \"$1\" = passwd ] && ") + search + " >" + room + "/alerts\n");
-  WriteFile(room + "/tables/passwd", "/etc IN_MOVED_TO /bin/sh " + room + "/tell $#\n");
-  return {"incron", {"incrond", "-n", "-f", room + "/incron.conf"}, room + "/alerts", true};
+std::string Quoted(const std::string& text) {
+  std::ostringstream quoted;
+  quoted << std::quoted(text, '"', '"');
+  return quoted.str();
 }
 
 // Who takes part in the comparison; who cannot is told with the reason, in alert_not_measured.csv as well.
-std::vector<Entry> Entries(const Options& options) {
+std::vector<Entry> Entries(const Options& options, const Peers& peers) {
   const Plan& plan = options.plan;
   std::vector<Entry> entries = {{Floor(), plan.changes},
                                 {Agent(options), plan.changes},
                                 {AgentWithoutCrossCheck(options), plan.changes}};
+  entries.insert(entries.end(), peers.Present().begin(), peers.Present().end());
   std::string absent = "contestant,reason\n";
-  const auto leaveOut = [&absent](const std::string& name, const std::string& reason) {
-    std::cerr << name << " is not measured: " << reason << '\n';
-    absent += name + "," + reason + "\n";
-  };
-  if (IsInstalled("inotifywait")) {
-    entries.push_back({ShellLoop(), plan.peerChanges});
-  } else {
-    leaveOut("inotifywait | while read | awk", "not installed");
+  for (const Peers::Absent& each : peers.LeftOut()) {
+    absent += each.name + "," + Quoted(each.reason) + "\n";
   }
-  if (IsInstalled("incrond")) {
-    entries.push_back({Incron(), plan.peerChanges});
-  } else {
-    leaveOut("incron", "not installed");
-  }
-  leaveOut("systemd path unit", "the service manager does not see the private /etc");
-  leaveOut("samhain", "nothing here drives it");
   WriteFile(options.results + "/alert_not_measured.csv", absent);
   return entries;
 }
@@ -199,7 +159,8 @@ void Run(const Options& options) {
   };
   const std::vector<Contestant> pair = {Floor(), Agent(options)};
   if (wanted("alerts")) {
-    MeasureAlerts(options.plan, Entries(options), options.results);
+    const Peers peers(options.plan, options.quick);
+    MeasureAlerts(options.plan, Entries(options, peers), options.results);
   }
   if (wanted("rested")) {
     MeasureRested(options.plan, pair, options.results);

@@ -24,8 +24,6 @@ using Time = std::chrono::steady_clock::time_point;
 
 namespace {
 
-// What takes longer is missed. Far longer than any contestant that works.
-constexpr milliseconds limit{5000};
 constexpr std::size_t warmUpChanges = 20;
 constexpr int readyAttempts = 7;  // each twice as long as the one before
 constexpr milliseconds firstAttempt{200};
@@ -63,16 +61,28 @@ class Pauses {
   explicit Pauses(std::uint64_t seed) : random(seed) {}
   void Pause() { std::this_thread::sleep_for(microseconds(2000 + random() % 4000)); }
 
+  // Nothing for most contestants.
+  void RestOf(const Contestant& contestant) {
+    if (contestant.rest.count() > 0) {
+      const auto longest = static_cast<std::uint64_t>(microseconds(contestant.rest).count());
+      std::this_thread::sleep_for(microseconds(random() % longest));
+    }
+  }
+
  private:
   std::mt19937_64 random;
 };
 
 // Empty: missed.
-std::optional<double> ChangeOnce(ChangingFile& file, RunningContestant& contestant,
-                                 milliseconds patience = limit) {
+std::optional<double> ChangeOnce(ChangingFile& file, RunningContestant& contestant, milliseconds patience) {
   const Time changed = file.Change();
-  const std::optional<Time> told = contestant.AwaitLine(file.Name(), patience);
+  const std::function<std::string()>& mark = contestant.Who().mark;
+  const std::optional<Time> told = contestant.AwaitLine(mark ? mark() : file.Name(), patience);
   return told ? std::optional<double>(Microseconds(*told - changed)) : std::nullopt;
+}
+
+std::optional<double> ChangeOnce(ChangingFile& file, RunningContestant& contestant) {
+  return ChangeOnce(file, contestant, contestant.Who().patience);
 }
 
 // Returns when the contestant answers: how many changes that took.
@@ -192,6 +202,13 @@ void MeasureEach(const Plan& plan, const std::vector<Contestant>& contestants, c
 
 }  // namespace
 
+void RequireAnswer(const Plan& plan, const Contestant& contestant) {
+  ChangingFile file(plan.accounts);
+  Pauses pauses(plan.seed);
+  RunningContestant running(contestant);
+  WarmUp(file, running, pauses, "it", 0);
+}
+
 void MeasureAlerts(const Plan& plan, const std::vector<Entry>& entries, const std::string& folder) {
   Table samples(folder, "alert", "contestant,round,microseconds");
   Table blocks(folder, "alert_blocks",
@@ -202,13 +219,18 @@ void MeasureAlerts(const Plan& plan, const std::vector<Entry>& entries, const st
     std::cerr << "time to alert: round " << round + 1 << " of " << plan.rounds << '\n';
     for (std::size_t turn = 0; turn < entries.size(); ++turn) {
       const Entry& entry = InTurn(entries, round, turn);
+      if (round >= entry.rounds) {
+        continue;
+      }
       const std::string& name = entry.contestant.name;
       RunningContestant running(entry.contestant);
-      const std::size_t uncounted = WarmUp(file, running, pauses, name);
+      const std::size_t uncounted = WarmUp(file, running, pauses, name, entry.warmUp);
       const std::chrono::nanoseconds before = running.CpuTime();
-      const std::size_t changes = std::max<std::size_t>(1, entry.changes / plan.rounds);
+      const std::size_t changes =
+          std::max<std::size_t>(1, entry.changes / std::min(entry.rounds, plan.rounds));
       std::size_t missed = 0;
       for (std::size_t change = 0; change < changes; ++change) {
+        pauses.RestOf(entry.contestant);
         const std::optional<double> time = ChangeOnce(file, running);
         missed += time ? 0 : 1;
         samples.Line(name + "," + std::to_string(round) + "," + (time ? Text(*time) : ""));

@@ -37,7 +37,12 @@ struct Plan {
 struct Entry {
   Contestant contestant;
   std::size_t changes;
+  std::size_t rounds = SIZE_MAX;  // it takes part in the first so many of the plan
+  std::size_t warmUp = 20;        // changes at the begin of a block that are not counted
 };
+
+// Throws std::runtime_error when the contestant tells of no change here, after half a minute.
+void RequireAnswer(const Plan& plan, const Contestant& contestant);
 
 // Time to alert, and what the changes of a block have cost: alert.csv, alert_blocks.csv. The next change is
 // made as soon as the alert about the last one has been read. A change without an alert is a line without a
