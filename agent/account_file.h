@@ -15,9 +15,9 @@
 // The file that the module reads; the module's own constant, which no interface of it tells.
 extern const char accountFilePath[];
 
-// Far above any account file: a million accounts of the usual length. What a reading can need, fifty times as
+// A million accounts of the usual length, with room to spare. What a reading can need, fifty times as
 // much when the lines are as short as they can be, still fits into the MemoryMax= of the unit. In bytes.
-constexpr std::uint64_t largestAccountFile = std::uint64_t{64} << 20;
+constexpr std::uint64_t largestAccountFile = std::uint64_t{96} << 20;
 
 // Why a reading of the file must not begin, or an empty text. The module opens whatever stands there: a FIFO
 // would hold its thread for ever, a folder looks like an empty file and empties what the detector knows, and

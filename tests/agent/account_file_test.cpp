@@ -75,12 +75,18 @@ TEST_F(AccountFileTest, WhatIsNoFileIsAnObstacle) {
 }
 
 TEST_F(AccountFileTest, AFileBeyondTheLimitIsAnObstacle) {
-  constexpr off_t limit = 64 << 20;
+  constexpr off_t limit = 96 << 20;
   WriteFile(path, "");
   ASSERT_EQ(truncate(path.c_str(), limit), 0);
   EXPECT_EQ(ObstacleToReading(path), "");
   ASSERT_EQ(truncate(path.c_str(), limit + 1), 0);
-  EXPECT_EQ(ObstacleToReading(path), path + " is larger than 64 MiB");
+  EXPECT_EQ(ObstacleToReading(path), path + " is larger than 96 MiB");
+}
+
+TEST(LargestAccountFile, HoldsAMillionAccountsOfTheUsualLength) {
+  const std::string line =
+      "user1000000:x:1001000:1001000:First and Last Name,,,:/home/user1000000:/usr/bin/bash\n";
+  EXPECT_LE(1000000 * line.size(), largestAccountFile);
 }
 
 using Answer = TaskScheduler::Permission::Answer;
@@ -199,7 +205,7 @@ TEST_F(ReadingGateTest, AnObstacleIsToldOnceUntilReadingsBeginAgain) {
   folder.Write("passwd", "");
   std::filesystem::resize_file(path, largestAccountFile + 1);
   EXPECT_EQ(ask(), Answer::No);
-  EXPECT_THAT(told, ElementsAre(path + " is not a regular file", path + " is larger than 64 MiB"));
+  EXPECT_THAT(told, ElementsAre(path + " is not a regular file", path + " is larger than 96 MiB"));
   std::filesystem::resize_file(path, 1);
   EXPECT_EQ(ask(), Answer::Yes);
   now += std::chrono::minutes(1);

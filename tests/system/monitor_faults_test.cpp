@@ -274,9 +274,9 @@ TEST_F(MonitorFaults, Fault11WhatIsNoAccountFileIsRefusedAndTheNextGoodOneIsRead
       {"mknod passwd c 1 5", "tasks wait: /etc/passwd is not a regular file"},  // as /dev/zero
       {"ln -s nowhere passwd", "Failed to read /etc/passwd.", "No such file or directory"},
       {"ln -s passwd passwd", "Failed to read /etc/passwd.", "Too many levels of symbolic links"},
-      {"truncate -s 300M passwd", "tasks wait: /etc/passwd is larger than 64 MiB"},
-      {"truncate -s 1G passwd", "tasks wait: /etc/passwd is larger than 64 MiB"},
-      {"truncate -s 1T passwd", "tasks wait: /etc/passwd is larger than 64 MiB"},
+      {"truncate -s 300M passwd", "tasks wait: /etc/passwd is larger than 96 MiB"},
+      {"truncate -s 1G passwd", "tasks wait: /etc/passwd is larger than 96 MiB"},
+      {"truncate -s 1T passwd", "tasks wait: /etc/passwd is larger than 96 MiB"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.command);
