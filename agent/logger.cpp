@@ -185,13 +185,47 @@ class Logger::Backend {
 };
 
 Logger::Logger(LogLevel threshold, int descriptor)
-    : backend(std::make_unique<Backend>(threshold, descriptor)) {}
+    : leastShown(threshold), backend(std::make_unique<Backend>(threshold, descriptor)) {}
 
-Logger::~Logger() = default;
+Logger::~Logger() {
+  const std::lock_guard<std::mutex> lock(floodMutex);
+  TellOfFloodLocked(FloodLimit::Time::max());
+}
+
+bool Logger::TakesFromModule(LogLevel level) {
+  if (level < leastShown && level != LogLevel::Error) {  // an error is kept even where none is shown
+    return false;
+  }
+  const FloodLimit::Time now = FloodLimit::Time::clock::now();
+  const std::lock_guard<std::mutex> lock(floodMutex);
+  TellOfFloodLocked(now);  // before the window begins anew
+  return moduleLimit.Take(now);
+}
+
+// With the lock held while it writes, so that no number is told twice.
+void Logger::TellOfFloodLocked(FloodLimit::Time now) {
+  const std::size_t dropped = moduleLimit.ToTell(now);
+  if (dropped == 0) {
+    return;
+  }
+  try {
+    // Where only errors are shown, they are what was dropped.
+    backend->Write(std::max(LogLevel::Warning, leastShown),
+                   std::to_string(dropped) + " log records of the module dropped: it may log " +
+                       std::to_string(mostOfModule) + " in a second");
+    moduleLimit.Told();
+  } catch (...) {  // no memory for it now: it is told later
+  }
+}
 
 void Logger::Write(LogLevel level, const std::string& text) {
   if (level == LogLevel::Error) {
     Keep(text);
+  }
+  {
+    const FloodLimit::Time now = FloodLimit::Time::clock::now();
+    const std::lock_guard<std::mutex> lock(floodMutex);
+    TellOfFloodLocked(now);
   }
   try {
     backend->Write(level, text);
@@ -235,6 +269,11 @@ std::string PrintedText(const char* format, std::va_list arguments) {
 
 void LoggerWriteLog(OrvakAgentDotLogType type, unsigned code, unsigned level, const char* file, int line,
                     int /*reserved*/, const char* format, ...) {
+  Logger& logger = InstalledServices::Current().logger;
+  // A coded record is all that is left of an alert: it is not dropped for a flood of others.
+  if (type != ORVAK_AGENT_LOG_CODED && !logger.TakesFromModule(ModuleLevel(level))) {
+    return;
+  }
   std::va_list arguments;
   va_start(arguments, format);
   try {
@@ -248,7 +287,7 @@ void LoggerWriteLog(OrvakAgentDotLogType type, unsigned code, unsigned level, co
     if (format != nullptr && *format != '\0') {
       text += ' ' + PrintedText(format, arguments);
     }
-    InstalledServices::Current().logger.Write(ModuleLevel(level), text);
+    logger.Write(ModuleLevel(level), text);
   } catch (...) {  // as above: the module does not expect a log call to fail
   }
   va_end(arguments);

@@ -1,12 +1,15 @@
 #ifndef VELTA_AGENT_LOGGER_H
 #define VELTA_AGENT_LOGGER_H
 
+#include <chrono>
 #include <cstdarg>
 #include <cstddef>
 #include <ctime>
 #include <memory>
 #include <mutex>
 #include <string>
+
+#include "agent/flood_limit.h"
 
 enum class LogLevel { Debug, Info, Warning, Error, Off };
 
@@ -17,11 +20,18 @@ enum class LogLevel { Debug, Info, Warning, Error, Off };
 // says so. Never throws, and never blocks for long: when the reader of a pipe is stuck, records are dropped,
 // and their number is told in front of the first record that it reads again.
 //
+// What the module logs is bounded as well: it has a record for each repeated name and each line that is too
+// long, at each reading, and a file may hold nothing else. Of such a flood the first mostOfModule records of
+// a second are written; how many were dropped is told in front of the first record after that second, or at
+// the end. The agent's own records are never dropped for it, nor are those that LoggerWriteLog exempts.
+//
 // Thread use: any thread.
 class Logger {
  public:
   static constexpr std::size_t longestText = 2048;
   static constexpr std::size_t longestKept = 512;
+  static constexpr std::size_t mostOfModule = 1000;
+  static constexpr std::chrono::seconds moduleWindow{1};
 
   explicit Logger(LogLevel threshold, int descriptor = 2);
   ~Logger();
@@ -34,8 +44,12 @@ class Logger {
   void Error(const std::string& text) { Write(LogLevel::Error, text); }
   void Write(LogLevel level, const std::string& text);
 
-  // The last record of level Error, whether or not it was written; when is 0 while there is none. The text is
-  // as it was logged, but no longer than longestKept.
+  // Asked before a record of the module is made, as a record that is dropped must cost next to nothing. False
+  // for one in excess, and for one that would leave no trace.
+  bool TakesFromModule(LogLevel level);
+
+  // The last record of level Error, whether or not it was written, those aside that TakesFromModule has
+  // turned away; when is 0 while there is none. The text is as it was logged, but no longer than longestKept.
   struct Trouble {
     std::time_t when = 0;
     std::string text;
@@ -53,6 +67,12 @@ class Logger {
  private:
   void WriteInParts(LogLevel level, const std::string& what, const std::string& text);
   void Keep(const std::string& text);
+  void TellOfFloodLocked(FloodLimit::Time now);
+
+  const LogLevel leastShown;
+
+  std::mutex floodMutex;  // guards the limit
+  FloodLimit moduleLimit{mostOfModule, moduleWindow};
 
   mutable std::mutex keptMutex;  // guards what follows, down to the backend
   std::time_t keptAt = 0;

@@ -5,6 +5,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -21,9 +22,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "agent/event_queue.h"
+#include "agent/file_monitor.h"
 #include "agent/safe_text.h"
+#include "agent/services.h"
+#include "agent/task_scheduler.h"
 #include "agent/utc_time.h"
+#include "host/logger.h"
 #include "tests/agent/file_size_limit.h"
+#include "tests/agent/patience.h"
+#include "tests/support/allocation_failure.h"
 #include "tests/support/short_texts.h"
 
 namespace {
@@ -446,6 +454,183 @@ TEST_F(LoggerTest, InterruptedWaitsGoOnAndEnd) {
   EXPECT_LT(passed, std::chrono::seconds(20));
   EXPECT_THAT(Records(pipe.TakeAll()),
               ElementsAre("warning 1 log records dropped: the log could not be written", "info there again"));
+}
+
+// An agent whose module logs, and nothing else.
+class LoggingAgent {
+ public:
+  LoggingAgent(LogLevel threshold, int descriptor) : logger(threshold, descriptor) {}
+
+  Logger logger;
+
+ private:
+  class NoQueue : public EventQueue {
+    void Push(const std::string& /*event*/, Lane /*lane*/) noexcept override {}
+  };
+
+  NoQueue queue;
+  TaskScheduler scheduler{0, logger};
+  FileMonitor monitor{logger, std::chrono::milliseconds(0)};
+  InstalledServices services{logger, queue, scheduler, monitor};
+};
+
+constexpr unsigned notice = 1;
+constexpr unsigned failure = 2;
+
+void LogAsTheModule(unsigned level, const std::string& name) {
+  LoggerWriteLog(ORVAK_AGENT_LOG_DIAGNOSTIC, 0, level, "user_info_collector.cpp", 67, 0,
+                 "The user name of /etc/passwd is repeated.[name=%s]", name.c_str());
+}
+
+std::string RecordOfTheModule(const std::string& name) {
+  return "error user_info_collector.cpp:67 The user name of /etc/passwd is repeated.[name=" + name + "]";
+}
+
+const std::string droppedOfModule =
+    " log records of the module dropped: it may log " + std::to_string(Logger::mostOfModule) + " in a second";
+
+// More than any machine here has written before it is through: that would take 20 s.
+constexpr std::size_t floodSize = 20000;
+
+class FloodTest : public testing::Test {
+ protected:
+  void Begin(LogLevel threshold) { agent = std::make_unique<LoggingAgent>(threshold, file.Descriptor()); }
+
+  static void Flood(unsigned level) {
+    for (std::size_t number = 0; number < floodSize; ++number) {
+      LogAsTheModule(level, std::to_string(number));
+    }
+  }
+
+  // Of the module, in the log so far.
+  std::size_t Written() const {
+    const std::vector<std::string> records = Records(file.Content());
+    return static_cast<std::size_t>(
+        std::count_if(records.begin(), records.end(),
+                      [](const std::string& record) { return record.find("[name=") != std::string::npos; }));
+  }
+
+  // As the log tells it so far.
+  std::size_t Dropped(const std::string& level = "warning") const {
+    std::size_t dropped = 0;
+    for (const std::string& record : Records(file.Content())) {
+      if (record.find(droppedOfModule) != std::string::npos) {
+        const std::size_t number = std::stoul(record.substr(level.size()));
+        EXPECT_EQ(record, level + " " + std::to_string(number) + droppedOfModule);
+        dropped += number;
+      }
+    }
+    return dropped;
+  }
+
+  TemporaryFile file;
+  std::unique_ptr<LoggingAgent> agent;
+};
+
+TEST_F(FloodTest, Fault25OfAFloodTheFirstOfEachSecondAreWrittenAndTheRestIsCounted) {
+  Begin(LogLevel::Info);
+  const auto start = std::chrono::steady_clock::now();
+  Flood(failure);
+  const auto passed = std::chrono::steady_clock::now() - start;
+  agent.reset();
+
+  const std::size_t seconds = static_cast<std::size_t>(passed / std::chrono::seconds(1)) + 1;
+  EXPECT_GE(Written(), Logger::mostOfModule);
+  EXPECT_LE(Written(), Logger::mostOfModule * seconds);
+  EXPECT_GT(Dropped(), 0U);
+  EXPECT_EQ(Written() + Dropped(), floodSize);
+  const std::vector<std::string> records = Records(file.Content());
+  for (std::size_t number = 0; number < Logger::mostOfModule; ++number) {
+    ASSERT_EQ(records[number], RecordOfTheModule(std::to_string(number)));
+  }
+}
+
+TEST_F(FloodTest, Fault25TheNumberIsToldInFrontOfTheNextRecordBehindTheSecondWhoeverLogsIt) {
+  Begin(LogLevel::Info);
+  const auto deadline = std::chrono::steady_clock::now() + generous;
+  Flood(failure);
+  do {
+    std::this_thread::sleep_for(brief);
+    agent->logger.Info("the agent's next");
+  } while (Written() + Dropped() < floodSize && std::chrono::steady_clock::now() < deadline);
+  EXPECT_EQ(Written() + Dropped(), floodSize);
+  EXPECT_EQ(Records(file.Content()).back(), "info the agent's next");
+
+  Flood(failure);
+  const std::size_t writtenBefore = Written();
+  std::size_t logged = 2 * floodSize;
+  while (Written() == writtenBefore && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(brief);
+    LogAsTheModule(failure, "next");
+    ++logged;
+  }
+  EXPECT_EQ(Written() + Dropped(), logged);
+  EXPECT_EQ(Records(file.Content()).back(), RecordOfTheModule("next"));
+}
+
+TEST_F(FloodTest, Fault25NeitherTheAgentNorACodedRecordIsDroppedForAFlood) {
+  Begin(LogLevel::Info);
+  std::vector<std::string> expected;
+  for (std::size_t number = 0; number < floodSize; ++number) {
+    LogAsTheModule(failure, std::to_string(number));
+    if (number % 10 == 0) {
+      agent->logger.Info("of the agent");
+      expected.emplace_back("info of the agent");
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-zero-length"  // as the module writes it
+      LoggerWriteLog(ORVAK_AGENT_LOG_CODED, 0xF0680045, failure, "unauthorized_root_user.cpp", 80, 0, "");
+#pragma GCC diagnostic pop
+      expected.emplace_back("error unauthorized_root_user.cpp:80 code 0xF0680045");
+    }
+  }
+  agent.reset();
+  std::vector<std::string> records = Records(file.Content());
+  records.erase(std::remove_if(records.begin(), records.end(),
+                               [](const std::string& record) {
+                                 return record.find("[name=") != std::string::npos ||
+                                        record.find(droppedOfModule) != std::string::npos;
+                               }),
+                records.end());
+  EXPECT_EQ(records, expected);
+  EXPECT_GT(Dropped(), 0U);
+}
+
+TEST_F(FloodTest, Fault25WhatNobodyWouldSeeTakesNoRoomAndIsNotCounted) {
+  Begin(LogLevel::Error);
+  Flood(notice);
+  LogAsTheModule(failure, "seen");
+  agent.reset();
+  EXPECT_THAT(Records(file.Content()), ElementsAre(RecordOfTheModule("seen")));
+}
+
+TEST_F(FloodTest, Fault25WhereOnlyErrorsAreShownTheNumberIsOne) {
+  Begin(LogLevel::Error);
+  Flood(failure);
+  agent.reset();
+  EXPECT_GT(Dropped("error"), 0U);
+  EXPECT_EQ(Written() + Dropped("error"), floodSize);
+}
+
+TEST_F(FloodTest, Fault25AnErrorIsKeptAlsoWhereNoneIsShown) {
+  Begin(LogLevel::Off);
+  LogAsTheModule(failure, "kept");
+  EXPECT_EQ("error " + agent->logger.LastError().text, RecordOfTheModule("kept"));
+  Flood(failure);
+  agent.reset();
+  EXPECT_EQ(file.Content(), "");
+}
+
+TEST_F(FloodTest, Fault25ADroppedRecordIsNotEvenMade) {
+  Begin(LogLevel::Info);
+  const std::string name(100, 'n');
+  std::size_t without = 0;  // a piece of memory
+  for (std::size_t number = 0; number < floodSize; ++number) {
+    const AllocationFailure watched(0);
+    LogAsTheModule(failure, name);
+    without += watched.Seen() == 0 ? 1U : 0U;
+  }
+  agent.reset();
+  EXPECT_EQ(without, Dropped());
 }
 
 std::string Printed(const char* format, ...) __attribute__((format(printf, 1, 2)));
