@@ -18,6 +18,7 @@
 #include <iterator>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -35,6 +36,7 @@
 #include "tests/agent/descriptor_limit.h"
 #include "tests/agent/written_log.h"
 #include "tests/contract/waiting.h"
+#include "tests/support/allocation_failure.h"
 #include "tests/support/latch.h"
 #include "tests/support/temporary_folder.h"
 
@@ -757,6 +759,36 @@ TEST_F(FileMonitorTest, Fault08AfterTheKernelDroppedEventsEveryFileIsReported) {
   EXPECT_THAT(written.Text(),
               HasSubstr("warning file monitor: the kernel dropped events (1 times so far); every "
                         "watched file is reported\n"));
+}
+
+// What was read of the events is lost then, and the kernel has them no longer.
+TEST_F(FileMonitorTest, Fault24AChangeWhoseEventsMeetWithNoMemoryIsReportedAfterAWait) {
+  Start();
+  Latch inside;
+  Latch release;
+  Reports reports(file);
+  std::optional<AllocationFailure> failure;  // made and ended on the monitor's thread, which it is about
+  bool first = true;
+  std::atomic<bool> happened{false};
+  Watch(file, [&](int, const char* path, const char*, bool, int, const std::string&) {
+    if (failure) {
+      happened = failure->Happened();
+      failure.reset();
+    }
+    reports.Note(path);
+    if (std::exchange(first, false)) {
+      inside.Open();
+      release.Wait();
+      failure.emplace(1);
+    }
+  });
+  ReplaceFile(file, "first");
+  ASSERT_TRUE(inside.Wait());
+  ReplaceFile(file, "second");  // all of its events wait now
+  release.Open();
+  EXPECT_TRUE(reports.Saw("second"));
+  monitor.reset();
+  EXPECT_TRUE(happened);
 }
 
 // However a callback ends: a task that was launched and not run would wait for the next change.
