@@ -11,24 +11,18 @@ import sys
 import fleet
 
 agent, sources = sys.argv[1], pathlib.Path(sys.argv[2])
-shipped = sources / "packaging/fleet/rsyslog"
 fleet.require_tools(["rsyslogd", "ip", "unshare", "nsenter", "setpriv", "useradd"])
 fleet.enter_namespaces()
 
-in_the_clear = {"VELTA_TLS": "off", "VELTA_TLS_CA": "/dev/null", "VELTA_TLS_CERTIFICATE": "/dev/null",
-                "VELTA_TLS_KEY": "/dev/null"}
 beat = 5  # seconds; shipped with sixty
+shipped = fleet.environment_in(fleet.shipped / "host/velta-host.env")
+assert int(shipped["VELTA_BEAT_SECONDS"]) <= 60, "docs/fleet.md says how soon an event arrives"
 
 switch = fleet.Switch()
 collector = fleet.Collector("collector", switch)
-collector.configure_rsyslog([shipped / "collector/30-velta-collector.conf"],
-                            {**fleet.environment_in(shipped / "collector/velta-collector.env"), **in_the_clear})
+collector.configure(fleet.in_the_clear)
 host = fleet.Host("web", switch, agent, ["--output", fleet.Host.events])
-values = fleet.environment_in(shipped / "host/velta-host.env")
-assert int(values["VELTA_BEAT_SECONDS"]) <= 60, "docs/fleet.md says how soon an event arrives"
-host.configure_rsyslog([shipped / "host/30-velta-forward.conf"],
-                       {**values, **in_the_clear, "VELTA_COLLECTOR": collector.address,
-                        "VELTA_BEAT_SECONDS": str(beat)})
+host.configure(collector, {**fleet.in_the_clear, "VELTA_BEAT_SECONDS": str(beat)})
 collector.start_rsyslog()
 host.start_rsyslog()
 host.start_agent()

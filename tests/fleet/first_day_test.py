@@ -72,8 +72,6 @@ package, = packages.glob("velta-agent_*.deb")
 host.install(package)
 state = host.run("dpkg-query", "-W", "-f", "${db:Status-Status}", "velta-agent")
 assert state == "installed", state
-in_the_clear = {"VELTA_TLS": "off", "VELTA_TLS_CA": "/dev/null", "VELTA_TLS_CERTIFICATE": "/dev/null",
-                "VELTA_TLS_KEY": "/dev/null"}
 
 
 def follow(node, heading, folder, values, also=()):
@@ -97,8 +95,8 @@ def follow(node, heading, folder, values, also=()):
 page = (sources / "docs/fleet.md").read_text()
 installed = "/usr/share/doc/velta-agent/examples/fleet/rsyslog"
 shutil.copytree(host.file(installed), collector.file("/tmp/rsyslog"))  # the collector has no agent
-follow(collector, "The collector", "/tmp/rsyslog", in_the_clear)
-blocks = follow(host, "A host", installed, {**in_the_clear, "VELTA_COLLECTOR": collector.address}, also=[2])
+follow(collector, "The collector", "/tmp/rsyslog", fleet.in_the_clear)
+blocks = follow(host, "A host", installed, {**fleet.in_the_clear, "VELTA_COLLECTOR": collector.address}, also=[2])
 check = blocks[1].splitlines()[0]
 for node in [host, collector]:
     said = node.run("sh", "-euc", check)

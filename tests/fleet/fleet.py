@@ -17,6 +17,9 @@ import valid_events
 skipped = 77  # CTest's SKIP_RETURN_CODE
 patience = 25  # seconds; only what is broken ever takes so long
 room = pathlib.Path("/mnt")  # covered by a file system in memory, which all namespaces see
+shipped = pathlib.Path(__file__).resolve().parents[2] / "packaging/fleet/rsyslog"
+in_the_clear = {"VELTA_TLS": "off", "VELTA_TLS_CA": "/dev/null", "VELTA_TLS_CERTIFICATE": "/dev/null",
+                "VELTA_TLS_KEY": "/dev/null"}
 
 # In the namespaces of a new host: nothing of what it changes is the machine's.
 furnish = r"""
@@ -226,6 +229,13 @@ class Host(Node):
             shutil.copy(file, folder)
         return "/run/velta-built/" + agent.name
 
+    def configure(self, collector, values, *more):
+        """As shipped, but for these values; more: further files of the same folder."""
+        files = ["30-velta-forward.conf", *more]
+        self.configure_rsyslog([shipped / "host" / each for each in files],
+                               {**environment_in(shipped / "host/velta-host.env"),
+                                "VELTA_COLLECTOR": collector.address, **values})
+
     def start_agent(self):
         self.agent = self.start(*self.agent_command, log="/var/log/agent")
         wait_for("agent of " + self.name,
@@ -266,6 +276,11 @@ class Host(Node):
 class Collector(Node):
     events = "/var/log/velta-fleet/events.jsonl"
     others = "/var/log/velta-fleet/others.jsonl"
+
+    def configure(self, values):
+        """As shipped, but for these values."""
+        self.configure_rsyslog([shipped / "collector/30-velta-collector.conf"],
+                               {**environment_in(shipped / "collector/velta-collector.env"), **values})
 
     def lines(self, path=events):
         """Those that are whole."""

@@ -12,24 +12,17 @@ import sys
 import fleet
 
 agent, sources = sys.argv[1], pathlib.Path(sys.argv[2])
-shipped = sources / "packaging/fleet/rsyslog"
 fleet.require_tools(["rsyslogd", "ip", "unshare", "nsenter", "setpriv", "useradd"])
 fleet.enter_namespaces()
 
-in_the_clear = {"VELTA_TLS": "off", "VELTA_TLS_CA": "/dev/null", "VELTA_TLS_CERTIFICATE": "/dev/null",
-                "VELTA_TLS_KEY": "/dev/null"}
-
 switch = fleet.Switch()
 collector = fleet.Collector("collector", switch)
-collector.configure_rsyslog([shipped / "collector/30-velta-collector.conf"],
-                            {**fleet.environment_in(shipped / "collector/velta-collector.env"), **in_the_clear})
+collector.configure(fleet.in_the_clear)
 
 
 def host(name, options, *more):
     made = fleet.Host(name, switch, agent, options)
-    made.configure_rsyslog([shipped / "host/30-velta-forward.conf", *[shipped / "host" / each for each in more]],
-                           {**fleet.environment_in(shipped / "host/velta-host.env"), **in_the_clear,
-                            "VELTA_COLLECTOR": collector.address})
+    made.configure(collector, fleet.in_the_clear, *more)
     return made
 
 

@@ -38,9 +38,7 @@ arguments.add_argument("--within", type=float, default=60)  # the beat of the ho
 arguments.add_argument("--descriptors", type=int, default=16384)  # what Debian's rsyslog.service has
 arguments.add_argument("hosts", type=int, nargs="+")
 given = arguments.parse_args()
-sources = pathlib.Path(__file__).resolve().parents[2]
-shipped = sources / "packaging/fleet/rsyslog"
-shortest_beat = int(fleet.environment_in(shipped / "host/velta-host.env")["VELTA_BEAT_SECONDS"])
+shortest_beat = int(fleet.environment_in(fleet.shipped / "host/velta-host.env")["VELTA_BEAT_SECONDS"])
 beat = max(given.within, shortest_beat)
 fleet.require_tools(["rsyslogd", "ip", "unshare", "nsenter", "openssl"])
 fleet.enter_namespaces()
@@ -162,16 +160,12 @@ print("%6s %10s %8s %11s %10s %8s %12s %8s %12s %10s" % (
 complete = True
 for count in given.hosts:
     collector = fleet.Collector("c%d" % count, switch)
-    values = fleet.environment_in(shipped / "collector/velta-collector.env")
-    if given.plain:
-        values.update({"VELTA_TLS": "off", "VELTA_TLS_CA": "/dev/null", "VELTA_TLS_CERTIFICATE": "/dev/null",
-                       "VELTA_TLS_KEY": "/dev/null"})
-    else:
+    collector.configure(fleet.in_the_clear if given.plain else {})
+    if not given.plain:
         authority.certify(collector, "collector.example.org", authority)
         if count == given.hosts[0]:
             key, certificate = authority.issue("web.example.org")
             tls.load_cert_chain(certificate, key)
-    collector.configure_rsyslog([shipped / "collector/30-velta-collector.conf"], values)
     collector.file("/etc/resolv.conf").unlink(missing_ok=True)
     collector.file("/etc/resolv.conf").write_text("nameserver 10.77.0.254\n")
     collector.start_rsyslog()

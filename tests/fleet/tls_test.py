@@ -11,23 +11,19 @@ import sys
 import fleet
 
 agent, sources = sys.argv[1], pathlib.Path(sys.argv[2])
-shipped = sources / "packaging/fleet/rsyslog"
 fleet.require_tools(["rsyslogd", "ip", "unshare", "nsenter", "setpriv", "openssl"])
 fleet.enter_namespaces()
 
 ours, theirs = fleet.Authority("ours"), fleet.Authority("theirs")
 switch = fleet.Switch()
 collector = fleet.Collector("collector", switch)
-collector.configure_rsyslog([shipped / "collector/30-velta-collector.conf"],
-                            fleet.environment_in(shipped / "collector/velta-collector.env"))
+collector.configure({})
 ours.certify(collector, "collector.example.org", ours)
 
 
 def host(name, certificate, authority):
     made = fleet.Host(name, switch, agent, ["--output", "/var/log/velta-agent/alerts.jsonl"])
-    made.configure_rsyslog([shipped / "host/30-velta-forward.conf"],
-                           {**fleet.environment_in(shipped / "host/velta-host.env"),
-                            "VELTA_COLLECTOR": collector.address})
+    made.configure(collector, {})
     authority.certify(made, certificate, ours)
     return made
 
