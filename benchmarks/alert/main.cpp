@@ -28,7 +28,7 @@ program has to do (the floor), and for what else tells of such a change. In a pr
   --rounds N            turns of each contestant (10)
   --changes N           of the floor and of the agent (2000)
   --peer-changes N      of each other contestant (200; of a slow one a part of it)
-  --pair-changes N      of both after a pause, with every processor busy, and placed (1000)
+  --pair-changes N      of each after a pause, with every processor busy, or placed (1000)
   --changes-of-size N   at each number of accounts (40)
   --bursts N            of a thousand changes a second (6)
   --burst-ms N          how long one is (10000)

@@ -55,7 +55,7 @@ std::string Text(double value) {
   return text;
 }
 
-// Longer than anybody's hot loop, and longer than what is done behind the alert.
+// Longer than what is done right behind the alert.
 class Pauses {
  public:
   explicit Pauses(std::uint64_t seed) : random(seed) {}

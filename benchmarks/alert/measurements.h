@@ -32,7 +32,7 @@ struct Plan {
 // changes each, and the order turns with every round. A block begins with changes that are not counted.
 //
 // Where nothing else is said, there is a pause of random length before each change, the same for all, in
-// which the contestant comes to rest and its memory leaves the processor's caches.
+// which the contestant comes to rest.
 
 struct Entry {
   Contestant contestant;
@@ -57,7 +57,7 @@ void MeasureBusy(const Plan& plan, const std::vector<Contestant>& contestants, c
 
 // As in MeasureAlerts, with the contestant held on the processor that changes the file ("same"), and on
 // another one ("other"; not where there is only one): alert_placed.csv. Elsewhere that is the kernel's
-// choice, and as much as any program's work depends on it.
+// choice.
 void MeasurePlaced(const Plan& plan, const std::vector<Contestant>& contestants, const std::string& folder);
 
 // Time to alert by the size of the file: alert_accounts.csv.

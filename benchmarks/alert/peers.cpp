@@ -170,16 +170,15 @@ void Peers::AddIfItWorks(const Plan& plan, const std::string& name, const Maker&
 }
 
 Peers::Peers(const Plan& plan, bool quick) {
-  if (IsInstalled("inotifywait")) {
-    present.push_back({ShellLoop(), plan.peerChanges});
-  } else {
-    LeaveOut("inotifywait | while read | awk", "not installed");
-  }
-  if (IsInstalled("incrond")) {
-    present.push_back({Incron(), plan.peerChanges});
-  } else {
-    LeaveOut("incron", "not installed");
-  }
+  const auto addIfInstalled = [&](const std::string& program, const std::string& name, Contestant (*make)()) {
+    if (IsInstalled(program)) {
+      AddIfItWorks(plan, name, [&](const std::string&) { return Entry{make(), plan.peerChanges}; });
+    } else {
+      LeaveOut(name, "not installed");
+    }
+  };
+  addIfInstalled("inotifywait", "inotifywait | while read | awk", ShellLoop);
+  addIfInstalled("incrond", "incron", Incron);
   AddIfItWorks(plan, "systemd path unit", [&](const std::string& name) {
     pathUnit = std::make_unique<PathUnit>();
     Entry entry = {pathUnit->Who(name), plan.peerChanges / 2};
