@@ -33,7 +33,8 @@ constexpr std::int64_t readingIntervalMs = 300000;
 // drives what the next alert needs out of the processor's caches.
 constexpr std::chrono::milliseconds afterAChange{10};
 constexpr std::chrono::milliseconds betweenChecks{100};
-constexpr int checksAtOnce = 10;  // are not yet together: somebody may be waiting for each
+// So many are made one by one before that: somebody may be waiting for each.
+constexpr int checksAtOnce = 10;
 
 // Each of them is asked about and remembered. Whoever makes more has been reported often enough.
 constexpr std::size_t mostAccounts = 100000;
