@@ -1,5 +1,4 @@
 #include <exception>
-#include <fstream>
 #include <functional>
 #include <iomanip>
 #include <iostream>
@@ -12,6 +11,7 @@
 #include "benchmarks/alert/contestant.h"
 #include "benchmarks/alert/measurements.h"
 #include "benchmarks/alert/peers.h"
+#include "tests/support/temporary_folder.h"
 #include "tests/system/private_etc.h"
 
 namespace {
@@ -111,14 +111,6 @@ Options Parse(const std::vector<std::string>& words) {
     }
   }
   return options;
-}
-
-void WriteFile(const std::string& path, const std::string& text) {
-  std::ofstream file(path);
-  file << text << std::flush;
-  if (!file) {
-    throw std::runtime_error("cannot write " + path);
-  }
 }
 
 Contestant Floor() { return {"floor", {VELTA_FLOOR_FILE}, "", false}; }

@@ -7,11 +7,11 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
 
+#include "tests/support/temporary_folder.h"
 #include "tests/system/tool.h"
 
 namespace {
@@ -28,14 +28,6 @@ bool IsInstalled(const std::string& program) {
     }
   }
   return false;
-}
-
-void WriteFile(const std::string& path, const std::string& text) {
-  std::ofstream file(path);
-  file << text << std::flush;
-  if (!file) {
-    throw std::runtime_error("cannot write " + path);
-  }
 }
 
 // The last words of a program that has failed are why.
