@@ -19,6 +19,8 @@ namespace {
 // Deeper texts are refused: values are copied and written by recursion, and no policy nests like that.
 constexpr std::size_t deepestNesting = 1000;
 
+constexpr std::size_t usualText = 256;  // as long as an event
+
 std::atomic<void (*)(const std::string&)> reportInvalidText{nullptr};
 
 void ReportIfInvalid(const std::string& text) {
@@ -41,19 +43,35 @@ bool NeedsNoEscape(const std::string& text) {
 
 // Bytes that are no UTF-8 become U+FFFD and everything beyond ASCII is escaped: whatever an account is
 // called, its alert is written, on one line.
-std::string QuotedText(std::string text) {
-  if (NeedsNoEscape(text)) {
-    return '"' + text + '"';
-  }
+std::string EscapedText(std::string text) {
   ReportIfInvalid(text);
   return nlohmann::json(std::move(text)).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
 }
 
+std::string QuotedText(std::string text) {
+  if (!NeedsNoEscape(text)) {
+    return EscapedText(std::move(text));
+  }
+  text.insert(text.begin(), '"');
+  text += '"';
+  return text;
+}
+
+void AppendQuoted(const std::string& text, std::string& out) {
+  if (!NeedsNoEscape(text)) {
+    out += EscapedText(text);
+    return;
+  }
+  out += '"';
+  out += text;
+  out += '"';
+}
+
 class Node;
 
-// The members of an object: found by name, told in the order in which they came. The library's ordered object
-// looks through all names at each insertion: many seconds for a text of a megabyte, a hundred times that for
-// ten.
+// The members of an object: found by name, told in the order in which they came. As few as an event has are
+// looked through, which takes no memory. The library's ordered object does so with any number of them: many
+// seconds for a text of a megabyte, a hundred times that for ten.
 class Members {
  public:
   Members() = default;
@@ -61,14 +79,21 @@ class Members {
   Members& operator=(const Members& other) = delete;
 
   std::shared_ptr<Node> FindOrAdd(const std::string& name);
-  bool Has(const std::string& name) const { return byName.find(name) != byName.end(); }
+  bool Has(const std::string& name) const { return PlaceOf(name) < members.size(); }
   void Write(std::string& out) const;
 
  private:
-  using ByName = std::map<std::string, std::shared_ptr<Node>>;
+  struct Member {
+    std::string name;
+    std::shared_ptr<Node> node;
+  };
 
-  ByName byName;
-  std::vector<ByName::const_iterator> inOrder;
+  static constexpr std::size_t few = 16;
+
+  std::size_t PlaceOf(const std::string& name) const;  // their number when there is none of that name
+
+  std::vector<Member> members;
+  std::map<std::string, std::size_t> places;  // of all, once they are more than a few
 };
 
 // One value: an object, or the JSON text of anything else. Nothing can look into an array, so it is text too,
@@ -83,17 +108,13 @@ class Members {
 class Node {
  public:
   Node() : text("null") {}
+  explicit Node(std::string jsonText) : text(std::move(jsonText)) {}
   Node(const Node& other)
       : text(other.text), members(other.members ? std::make_unique<Members>(*other.members) : nullptr) {}
   Node& operator=(const Node& other) = delete;
   Node(Node&&) = default;
   Node& operator=(Node&&) = default;
 
-  static Node Text(std::string jsonText) {
-    Node node;
-    node.text = std::move(jsonText);
-    return node;
-  }
   static Node Object() {
     Node node;
     node.AsObject();
@@ -122,36 +143,52 @@ class Node {
   std::unique_ptr<Members> members;
 };
 
-Members::Members(const Members& other) {
-  inOrder.reserve(other.inOrder.size());
-  for (const ByName::const_iterator& member : other.inOrder) {
-    inOrder.push_back(byName.emplace(member->first, std::make_shared<Node>(*member->second)).first);
+Members::Members(const Members& other) : places(other.places) {
+  members.reserve(other.members.size());
+  for (const Member& member : other.members) {
+    members.push_back({member.name, std::make_shared<Node>(*member.node)});
   }
 }
 
+std::size_t Members::PlaceOf(const std::string& name) const {
+  if (!places.empty() && places.size() == members.size()) {
+    const auto found = places.find(name);
+    return found == places.end() ? members.size() : found->second;
+  }
+  const auto found = std::find_if(members.begin(), members.end(),
+                                  [&name](const Member& member) { return member.name == name; });
+  return static_cast<std::size_t>(found - members.begin());
+}
+
+// Memory that fails leaves the object as it was or with one member more. Some may then be without their
+// place, the last ones, which get it with the next member.
 std::shared_ptr<Node> Members::FindOrAdd(const std::string& name) {
-  const auto found = byName.find(name);
-  if (found != byName.end()) {
-    return found->second;
+  const std::size_t place = PlaceOf(name);
+  if (place < members.size()) {
+    return members[place].node;
   }
-  if (inOrder.size() == inOrder.capacity()) {
-    inOrder.reserve(2 * inOrder.size() + 4);  // first, so that a failure leaves no member without a place
+  if (members.size() == members.capacity()) {
+    members.reserve(2 * members.size() + 8);
   }
-  const auto added = byName.emplace(name, std::make_shared<Node>()).first;
-  inOrder.push_back(added);
-  return added->second;
+  members.push_back({name, std::make_shared<Node>()});
+  if (members.size() > few) {
+    for (std::size_t next = places.size(); next < members.size(); ++next) {
+      places.emplace(members[next].name, next);
+    }
+  }
+  return members.back().node;
 }
 
 void Members::Write(std::string& out) const {
   char before = '{';
-  for (const ByName::const_iterator& member : inOrder) {
+  for (const Member& member : members) {
     out += before;
-    out += QuotedText(member->first);
+    AppendQuoted(member.name, out);
     out += ':';
-    member->second->Write(out);
+    member.node->Write(out);
     before = ',';
   }
-  out += inOrder.empty() ? "{}" : "}";
+  out += members.empty() ? "{}" : "}";
 }
 
 struct Fault {
@@ -279,7 +316,7 @@ class DocumentBuilder : public nlohmann::json_sax<nlohmann::json> {
     --openArrays;
     arrayText += ']';
     if (openArrays == 0) {
-      *target = Node::Text(std::move(arrayText));
+      *target = Node(std::move(arrayText));
       arrayText.clear();
     }
     return true;
@@ -304,7 +341,7 @@ class DocumentBuilder : public nlohmann::json_sax<nlohmann::json> {
       SeparateValueInArray();
       arrayText += text;
     } else {
-      *target = Node::Text(std::move(text));
+      *target = Node(std::move(text));
     }
     return true;
   }
@@ -403,17 +440,18 @@ MyValue& MyValue::operator=(const MyValue& other) {  // NOLINT(bugprone-unhandle
 }
 
 void MyValue::operator=(std::string text) {
-  Representation::NodeOf(*this) = Node::Text(QuotedText(std::move(text)));
+  Representation::NodeOf(*this) = Node(QuotedText(std::move(text)));
 }
 
-void MyValue::operator=(int number) { Representation::NodeOf(*this) = Node::Text(std::to_string(number)); }
+void MyValue::operator=(int number) { Representation::NodeOf(*this) = Node(std::to_string(number)); }
 
 void MyValue::operator=(const char* text) {
-  Representation::NodeOf(*this) = text == nullptr ? Node() : Node::Text(QuotedText(text));
+  Representation::NodeOf(*this) = text == nullptr ? Node() : Node(QuotedText(text));
 }
 
 MyValue MyValue::operator[](const char* key) {
-  MyValue member;
+  MyValue member(
+      *this);  // of this value's node, for the moment: a value of its own would be made for nothing
   member.representation->node = Representation::NodeOf(*this).AsObject().FindOrAdd(NameOrEmpty(key));
   return member;
 }
@@ -443,6 +481,7 @@ namespace Convert {
 
 std::string JsonToString(const utils::MyJson::MyValue& value) {
   std::string text;
+  text.reserve(usualText);
   utils::MyJson::MyValue::Representation::NodeOf(value).Write(text);
   return text;
 }

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "host/json.h"
+#include "tests/support/allocation_failure.h"
 #include "tests/support/short_texts.h"
 
 namespace {
@@ -317,6 +318,60 @@ TEST(JsonHandleTest, HandlesStayBoundWhileAThousandMembersAreAdded) {
   }
 
   EXPECT_EQ(JsonToString(root), expected + "}");
+}
+
+std::string NumberedName(std::size_t number) { return "member" + std::to_string(number); }
+
+// An object of so many members, each with the number of its place.
+MyValue NumberedMembers(std::size_t count) {
+  MyValue root;
+  for (std::size_t number = 0; number < count; ++number) {
+    root[NumberedName(number).c_str()] = static_cast<int>(number);
+  }
+  return root;
+}
+
+TEST(JsonHandleTest, EachOfAnyNumberOfMembersIsFoundByItsName) {
+  for (std::size_t count = 1; count <= 40; ++count) {
+    MyValue root = NumberedMembers(count);
+    const std::string text = JsonToString(root);
+    MyValue event;
+    event.JsonItemAddToObject("copy", root);
+
+    for (MyValue object : {root, event["copy"]}) {
+      EXPECT_FALSE(object.IsMember(NumberedName(count)));
+      for (std::size_t number = 0; number < count; ++number) {
+        EXPECT_TRUE(object.IsMember(NumberedName(number))) << number << " of " << count;
+        object[NumberedName(number).c_str()] = static_cast<int>(number);
+      }
+      EXPECT_EQ(JsonToString(object), text) << "one of " << count << " was added again";
+    }
+  }
+}
+
+TEST(JsonHandleTest, AnObjectOutlivesAnyAllocationThatFails) {
+  constexpr std::size_t count = 20;
+  const std::string complete = JsonToString(NumberedMembers(count));
+  std::size_t nth = 0;
+  for (bool happened = true; happened;) {
+    MyValue root;
+    {
+      const AllocationFailure failure(++nth);
+      for (std::size_t number = 0; number < count; ++number) {
+        try {
+          root[NumberedName(number).c_str()] = static_cast<int>(number);
+        } catch (const std::bad_alloc&) {
+          root[NumberedName(number).c_str()] = static_cast<int>(number);
+        }
+      }
+      happened = failure.Happened();
+    }
+    EXPECT_EQ(JsonToString(root), complete) << "without allocation " << nth;
+    for (std::size_t number = 0; number < count; ++number) {
+      EXPECT_TRUE(root.IsMember(NumberedName(number))) << number << ", without allocation " << nth;
+    }
+  }
+  EXPECT_GT(nth, count);
 }
 
 TEST(JsonHandleTest, ACopyIsAnotherHandleOnTheSameValue) {
