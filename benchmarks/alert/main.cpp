@@ -34,6 +34,8 @@ program has to do (the floor), and for what else tells of such a change. In a pr
   --burst-ms N          how long one is (10000)
   --seed N              of the pauses between changes (1)
   --agent FILE          another agent than the one of this build
+  --agent-environment NAME=VALUE
+                        what the agent finds in its environment
 
 Exit codes: 0 measured; 1 it could not be; 2 usage.
 )";
@@ -49,6 +51,7 @@ struct Options {
   std::string only;
   bool quick = false;
   std::string agent = VELTA_AGENT_FILE;
+  std::string agentEnvironment;
 };
 
 std::uint64_t NumberOf(const std::string& text, std::uint64_t lowest) {
@@ -77,6 +80,13 @@ Options Parse(const std::vector<std::string>& words) {
   const std::map<std::string, std::function<void(const std::string&)>> valued = {
       {"--results", [&](const std::string& text) { options.results = text; }},
       {"--agent", [&](const std::string& text) { options.agent = text; }},
+      {"--agent-environment",
+       [&](const std::string& text) {
+         if (text.find('=', 1) == std::string::npos) {
+           throw UsageError("'" + text + "' is no NAME=VALUE");
+         }
+         options.agentEnvironment = text;
+       }},
       {"--only",
        [&](const std::string& text) {
          if (text != "alerts" && text != "rested" && text != "busy" && text != "placed" &&
@@ -115,12 +125,20 @@ Options Parse(const std::vector<std::string>& words) {
 
 Contestant Floor() { return {"floor", {VELTA_FLOOR_FILE}, "", false}; }
 
-Contestant Agent(const Options& options) {
-  return {"velta-agent", {options.agent, "--limit", "0"}, "", false};
+std::vector<std::string> AgentCommand(const Options& options) {
+  std::vector<std::string> command = {options.agent, "--limit", "0"};
+  if (!options.agentEnvironment.empty()) {
+    command.insert(command.begin(), {"env", options.agentEnvironment});
+  }
+  return command;
 }
 
+Contestant Agent(const Options& options) { return {"velta-agent", AgentCommand(options), "", false}; }
+
 Contestant AgentWithoutCrossCheck(const Options& options) {
-  return {"velta-agent --no-cross-check", {options.agent, "--limit", "0", "--no-cross-check"}, "", false};
+  std::vector<std::string> command = AgentCommand(options);
+  command.push_back("--no-cross-check");
+  return {"velta-agent --no-cross-check", command, "", false};
 }
 
 std::string Quoted(const std::string& text) {
