@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -27,6 +28,8 @@ namespace {
 
 constexpr int cannotStart = 127;
 constexpr std::size_t longestPending = 65536;  // a line is far shorter
+
+volatile std::sig_atomic_t askedToEnd = 0;  // by which signal
 
 void Require(bool done, const std::string& step) {
   if (!done) {
@@ -65,6 +68,14 @@ bool IsNumber(const std::string& text) {
 }
 
 }  // namespace
+
+void EndWaitsOnSignals() {
+  struct sigaction action = {};  // without SA_RESTART: the wait that it meets ends
+  action.sa_handler = [](int number) { askedToEnd = number; };
+  for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
+    sigaction(number, &action, nullptr);
+  }
+}
 
 RunningContestant::RunningContestant(const Contestant& started) : contestant(started) {
   std::array<int, 2> ends = {-1, -1};
@@ -137,7 +148,11 @@ std::optional<RunningContestant::Time> RunningContestant::AwaitLine(const std::s
 
 bool RunningContestant::Read(int timeoutMs) {
   pollfd readable = {output, POLLIN, 0};
-  if (poll(&readable, 1, timeoutMs) <= 0) {
+  const int ready = poll(&readable, 1, timeoutMs);
+  if (askedToEnd != 0) {
+    throw Interrupted{askedToEnd};
+  }
+  if (ready <= 0) {
     return false;
   }
   std::array<char, 65536> part;

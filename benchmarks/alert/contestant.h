@@ -26,6 +26,15 @@ struct Contestant {
   std::chrono::milliseconds rest{0};
 };
 
+// A signal asked for the end. No std::exception: who is left out when something fails goes on, this does not.
+struct Interrupted {
+  int signal;
+};
+
+// From now on SIGHUP, SIGINT and SIGTERM end the next wait for a contestant with Interrupted, so that
+// whatever has been started is ended.
+void EndWaitsOnSignals();
+
 struct Memory {
   std::uint64_t privateKib = 0;  // what would be free without it
   std::uint64_t pssKib = 0;      // with its share of what several processes map
@@ -46,7 +55,7 @@ class RunningContestant {
   RunningContestant& operator=(const RunningContestant&) = delete;
 
   // When a line with the text has been read; nothing when the limit passes. Other lines are passed over.
-  // Throws std::runtime_error when the contestant has ended.
+  // Throws std::runtime_error when the contestant has ended, Interrupted when this program is to end.
   std::optional<Time> AwaitLine(const std::string& text, std::chrono::milliseconds limit);
 
   const Contestant& Who() const { return contestant; }

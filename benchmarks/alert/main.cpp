@@ -1,3 +1,4 @@
+#include <csignal>
 #include <exception>
 #include <functional>
 #include <iomanip>
@@ -198,8 +199,14 @@ int main(int argc, char** argv) {
     return 0;
   }
   try {
-    Run(Parse(words));
+    const Options options = Parse(words);
+    EndWaitsOnSignals();
+    Run(options);
     return 0;
+  } catch (const Interrupted& interrupted) {  // by now nothing of what was started is left
+    std::signal(interrupted.signal, SIG_DFL);
+    std::raise(interrupted.signal);
+    return 1;
   } catch (const UsageError& error) {
     std::cerr << "velta_bench_alert: " << error.what() << '\n' << usage;
     return 2;
