@@ -126,20 +126,23 @@ Options Parse(const std::vector<std::string>& words) {
 
 Contestant Floor() { return {"floor", {VELTA_FLOOR_FILE}, "", false}; }
 
-std::vector<std::string> AgentCommand(const Options& options) {
+Contestant Agent(const Options& options, const std::string& differently = "",
+                 const std::vector<std::string>& more = {}) {
   std::vector<std::string> command = {options.agent, "--limit", "0"};
   if (!options.agentEnvironment.empty()) {
     command.insert(command.begin(), {"env", options.agentEnvironment});
   }
-  return command;
+  command.insert(command.end(), more.begin(), more.end());
+  return {"velta-agent" + differently, command, "", false};
 }
 
-Contestant Agent(const Options& options) { return {"velta-agent", AgentCommand(options), "", false}; }
-
 Contestant AgentWithoutCrossCheck(const Options& options) {
-  std::vector<std::string> command = AgentCommand(options);
-  command.push_back("--no-cross-check");
-  return {"velta-agent --no-cross-check", command, "", false};
+  return Agent(options, " --no-cross-check", {"--no-cross-check"});
+}
+
+// Each output then has a thread of its own, to which an alert is handed over.
+Contestant AgentWithTwoOutputs(const Options& options) {
+  return Agent(options, " (two outputs)", {"--output", "-", "--output", "/dev/null"});
 }
 
 std::string Quoted(const std::string& text) {
@@ -153,7 +156,8 @@ std::vector<Entry> Entries(const Options& options, const Peers& peers) {
   const Plan& plan = options.plan;
   std::vector<Entry> entries = {{Floor(), plan.changes},
                                 {Agent(options), plan.changes},
-                                {AgentWithoutCrossCheck(options), plan.changes}};
+                                {AgentWithoutCrossCheck(options), plan.changes},
+                                {AgentWithTwoOutputs(options), plan.changes}};
   entries.insert(entries.end(), peers.Present().begin(), peers.Present().end());
   std::string absent = "contestant,reason\n";
   for (const Peers::Absent& each : peers.LeftOut()) {
