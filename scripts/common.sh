@@ -34,9 +34,6 @@ install_packages() {
   [ $installed = yes ] || fail "apt-get install failed"
 }
 
-# The environment that the unit gives to the agent, NAME=VALUE: one started by hand is to do as well.
-agent_environment() { sed -n 's/^Environment=//p' packaging/systemd/velta-agent.service.in; }
-
 # build PRESET [TARGET...]: configures and builds one of CMakePresets.json.
 build() {
   local preset=$1
