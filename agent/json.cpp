@@ -43,18 +43,9 @@ bool NeedsNoEscape(const std::string& text) {
 
 // Bytes that are no UTF-8 become U+FFFD and everything beyond ASCII is escaped: whatever an account is
 // called, its alert is written, on one line.
-std::string EscapedText(std::string text) {
+std::string EscapedText(const std::string& text) {
   ReportIfInvalid(text);
-  return nlohmann::json(std::move(text)).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
-}
-
-std::string QuotedText(std::string text) {
-  if (!NeedsNoEscape(text)) {
-    return EscapedText(std::move(text));
-  }
-  text.insert(text.begin(), '"');
-  text += '"';
-  return text;
+  return nlohmann::json(text).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
 }
 
 void AppendQuoted(const std::string& text, std::string& out) {
@@ -65,6 +56,13 @@ void AppendQuoted(const std::string& text, std::string& out) {
   out += '"';
   out += text;
   out += '"';
+}
+
+std::string QuotedText(const std::string& text) {
+  std::string quoted;
+  quoted.reserve(text.size() + 2);
+  AppendQuoted(text, quoted);
+  return quoted;
 }
 
 class Node;
@@ -160,15 +158,15 @@ std::size_t Members::PlaceOf(const std::string& name) const {
   return static_cast<std::size_t>(found - members.begin());
 }
 
-// Memory that fails leaves the object as it was or with one member more. Some may then be without their
-// place, the last ones, which get it with the next member.
+// Memory that fails leaves the object as it was or with one member more. The last ones may then be without
+// their place: until the next member comes, every name is looked for among all.
 std::shared_ptr<Node> Members::FindOrAdd(const std::string& name) {
   const std::size_t place = PlaceOf(name);
   if (place < members.size()) {
     return members[place].node;
   }
   if (members.size() == members.capacity()) {
-    members.reserve(2 * members.size() + 8);
+    members.reserve(2 * members.size() + 4);
   }
   members.push_back({name, std::make_shared<Node>()});
   if (members.size() > few) {
@@ -263,7 +261,7 @@ class DocumentBuilder : public nlohmann::json_sax<nlohmann::json> {
   bool number_float(number_float_t value, const string_t& /*text*/) override {
     return Take(nlohmann::json(value).dump());  // not the text, in which the locale's decimal point stands
   }
-  bool string(string_t& value) override { return Take(QuotedText(std::move(value))); }
+  bool string(string_t& value) override { return Take(QuotedText(value)); }
   bool binary(binary_t& /*value*/) override { return false; }  // no part of a text
 
   bool start_object(std::size_t /*elements*/) override {
@@ -439,9 +437,7 @@ MyValue& MyValue::operator=(const MyValue& other) {  // NOLINT(bugprone-unhandle
   return *this;
 }
 
-void MyValue::operator=(std::string text) {
-  Representation::NodeOf(*this) = Node(QuotedText(std::move(text)));
-}
+void MyValue::operator=(std::string text) { Representation::NodeOf(*this) = Node(QuotedText(text)); }
 
 void MyValue::operator=(int number) { Representation::NodeOf(*this) = Node(std::to_string(number)); }
 
@@ -450,8 +446,8 @@ void MyValue::operator=(const char* text) {
 }
 
 MyValue MyValue::operator[](const char* key) {
-  MyValue member(
-      *this);  // of this value's node, for the moment: a value of its own would be made for nothing
+  // A handle on this value, for the moment: a value of its own would be made for nothing.
+  MyValue member(*this);
   member.representation->node = Representation::NodeOf(*this).AsObject().FindOrAdd(NameOrEmpty(key));
   return member;
 }

@@ -73,7 +73,10 @@ void EndWaitsOnSignals() {
   struct sigaction action = {};  // without SA_RESTART: the wait that it meets ends
   action.sa_handler = [](int number) { askedToEnd = number; };
   for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
-    sigaction(number, &action, nullptr);
+    struct sigaction before = {};
+    if (sigaction(number, nullptr, &before) == 0 && before.sa_handler != SIG_IGN) {
+      sigaction(number, &action, nullptr);
+    }
   }
 }
 
@@ -119,7 +122,10 @@ nanoseconds RunningContestant::End() {
   for (const pid_t each : Processes()) {
     rusage used = {};
     kill(each, SIGKILL);
-    if (wait4(each, nullptr, 0, &used) == each) {
+    pid_t ended = 0;
+    while ((ended = wait4(each, nullptr, 0, &used)) < 0 && errno == EINTR) {
+    }
+    if (ended == each) {
       all += TimeOf(used.ru_utime) + TimeOf(used.ru_stime);
     }
   }

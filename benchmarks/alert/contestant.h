@@ -31,8 +31,8 @@ struct Interrupted {
   int signal;
 };
 
-// From now on SIGHUP, SIGINT and SIGTERM end the next wait for a contestant with Interrupted, so that
-// whatever has been started is ended.
+// From now on SIGHUP, SIGINT and SIGTERM, unless they are ignored, end the wait for a contestant, or the next
+// one, with Interrupted, so that whatever has been started is ended.
 void EndWaitsOnSignals();
 
 struct Memory {

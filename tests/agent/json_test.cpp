@@ -52,6 +52,17 @@ std::string ReadAndWritten(const std::string& text) {
   return JsonToString(root);
 }
 
+std::string NumberedName(std::size_t number) { return "member" + std::to_string(number); }
+
+// An object of so many members, each with the number of its place.
+MyValue NumberedMembers(std::size_t count) {
+  MyValue root;
+  for (std::size_t number = 0; number < count; ++number) {
+    root[NumberedName(number).c_str()] = static_cast<int>(number);
+  }
+  return root;
+}
+
 struct TextCase {
   const char* name;
   std::string text;
@@ -200,6 +211,20 @@ TEST(JsonTextTest, ManyMembersAreReadWithoutLookingThroughAllOfThemForEach) {
   EXPECT_FALSE(root.IsMember(("member" + std::to_string(count)).c_str()));
 }
 
+TEST(JsonTextTest, ManyMembersOfACopyAreFoundWithoutLookingThroughAllOfThemForEach) {
+  constexpr std::size_t count = VELTA_CODE_IS_SLOW ? 30000 : 300000;
+  MyValue event;
+  event.JsonItemAddToObject("copy", NumberedMembers(count));
+  const MyValue copy = event["copy"];
+
+  std::size_t found = 0;
+  for (std::size_t number = 0; number < count; ++number) {
+    found += copy.IsMember(NumberedName(number)) ? 1 : 0;
+  }
+
+  EXPECT_EQ(found, count);
+}
+
 TEST(JsonReaderTest, ARefusedTextLeavesTheValueAsItWas) {
   MyValue root;
   root["a"] = 1;
@@ -318,17 +343,6 @@ TEST(JsonHandleTest, HandlesStayBoundWhileAThousandMembersAreAdded) {
   }
 
   EXPECT_EQ(JsonToString(root), expected + "}");
-}
-
-std::string NumberedName(std::size_t number) { return "member" + std::to_string(number); }
-
-// An object of so many members, each with the number of its place.
-MyValue NumberedMembers(std::size_t count) {
-  MyValue root;
-  for (std::size_t number = 0; number < count; ++number) {
-    root[NumberedName(number).c_str()] = static_cast<int>(number);
-  }
-  return root;
 }
 
 TEST(JsonHandleTest, EachOfAnyNumberOfMembersIsFoundByItsName) {
