@@ -65,12 +65,12 @@ std::uint64_t NumberOf(const std::string& text, std::uint64_t lowest) {
 void MakeQuick(Plan& plan) {
   plan.rounds = 2;
   plan.changes = 200;
-  plan.peerChanges = 20;
+  plan.peerChanges = 4;
   plan.pairChanges = 100;
-  plan.sizes = {50, 1000, 10000};
-  plan.changesOfSize = 5;
+  plan.sizes = {50, 10000};
+  plan.changesOfSize = 3;
   plan.bursts = 2;
-  plan.burst = std::chrono::milliseconds(1500);
+  plan.burst = std::chrono::milliseconds(300);
 }
 
 Options Parse(const std::vector<std::string>& words) {
