@@ -14,6 +14,7 @@ PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin # a plain su leaves them out
 
 build_packages=(g++ cmake ninja-build nlohmann-json3-dev libcli11-dev libspdlog-dev libfmt-dev passwd mount)
 packaging_packages=(dpkg-dev file gzip xz-utils)
+bench_packages=(libbenchmark-dev gnuplot-nox python3 inotify-tools)
 
 # install_packages NAME...: installs those that are missing, without a question.
 install_packages() {
