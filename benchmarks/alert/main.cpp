@@ -67,7 +67,7 @@ void MakeQuick(Plan& plan) {
   plan.changes = 200;
   plan.peerChanges = 4;
   plan.pairChanges = 100;
-  plan.sizes = {50, 10000};
+  plan.sizes = {50, 1000, 10000};
   plan.changesOfSize = 3;
   plan.bursts = 2;
   plan.burst = std::chrono::milliseconds(300);
