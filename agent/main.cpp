@@ -13,7 +13,6 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -189,11 +188,16 @@ void Reload(const Watchers& watchers, const Options& options, std::string& runni
   Start(watchers, running);
 }
 
-// After a reading, when no other is waiting. The first one has used for the first time what readings use:
-// what comes back after that is what they need.
+// After a reading, when no other is waiting; one at a time. The first ones use for the first time what
+// readings use: the module's and the cross-check's, an alert, and whatever the C++ library binds when it is
+// called, for which it looks through its tables of names. What comes back after that is what readings need.
 void TidyUp() {
-  static std::once_flag firstReading;
-  std::call_once(firstReading, LetGoOfFilePages);
+  constexpr int readingsUntilAllIsUsed = 8;
+  static int readings = 0;
+  if (readings < readingsUntilAllIsUsed) {
+    ++readings;
+    LetGoOfFilePages();
+  }
   GiveBackFreedMemory();
 }
 
