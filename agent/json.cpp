@@ -437,7 +437,9 @@ MyValue& MyValue::operator=(const MyValue& other) {  // NOLINT(bugprone-unhandle
   return *this;
 }
 
-void MyValue::operator=(std::string text) { Representation::NodeOf(*this) = Node(QuotedText(text)); }
+void MyValue::operator=(std::string text) {  // NOLINT(performance-unnecessary-value-param): so it is declared
+  Representation::NodeOf(*this) = Node(QuotedText(text));
+}
 
 void MyValue::operator=(int number) { Representation::NodeOf(*this) = Node(std::to_string(number)); }
 
